@@ -1,0 +1,137 @@
+#include "xml/XMLNode.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace {
+
+XMLNode statusAnswer() {
+    XMLNode root = XMLNode::createXMLTopNode("root");
+    root.addChild("status").addText("0");
+    root.addChild("version").addText("XUMA 1.0");
+    return root;
+}
+
+TEST(XMLPrint, FormattedAnswerLayout) {
+    EXPECT_EQ(statusAnswer().toString(1), "<root>\n\t<status>0</status>\n\t<version>XUMA 1.0</version>\n</root>\n");
+}
+
+TEST(XMLPrint, FormattedNestingEmptyElementsAttributesAndMixedContent) {
+    XMLNode root = XMLNode::createXMLTopNode("root");
+    root.addAttribute("a", "1");
+    root.addAttribute("b", "x\"y");
+    XMLNode list = root.addChild("list");
+    list.addChild("item").addAttribute("id", "7");
+    list.addText("note");
+    list.addClear(" c ", "<!--", "-->");
+    root.addChild("empty");
+    EXPECT_EQ(root.toString(),
+              "<root a=\"1\" b=\"x&quot;y\">\n"
+              "\t<list>\n"
+              "\t\t<item id=\"7\"/>\n"
+              "\t\tnote\n"
+              "\t\t<!-- c -->\n"
+              "\t</list>\n"
+              "\t<empty/>\n"
+              "</root>\n");
+    EXPECT_EQ(root.toString(0),
+              "<root a=\"1\" b=\"x&quot;y\"><list><item id=\"7\"/>note<!-- c --></list><empty/></root>");
+}
+
+TEST(XMLPrint, DeclarationsAndDocumentNodes) {
+    XMLNode doc = XMLNode::parseString("<?xml version=\"1.0\" encoding=\"utf-8\"?><root><a/></root>");
+    ASSERT_FALSE(doc.isEmpty());
+    EXPECT_EQ(doc.toString(1), "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<root>\n\t<a/>\n</root>\n");
+    EXPECT_EQ(doc.toString(0), "<?xml version=\"1.0\" encoding=\"utf-8\"?><root><a/></root>");
+}
+
+TEST(XMLPrint, OutputEntryPointsAgree) {
+    XMLNode root = statusAnswer();
+    int length = -1;
+    char* text = root.createXMLString(1, &length);
+    ASSERT_NE(text, nullptr);
+    std::string expected = root.toString(1);
+    EXPECT_EQ(std::string(text), expected);
+    EXPECT_EQ(length, static_cast<int>(expected.size()));
+    XMLNode::freeXMLString(text);
+
+    std::string out = "prefix:";
+    root.appendTo(out, 0);
+    EXPECT_EQ(out, "prefix:" + root.toString(0));
+
+    text = XMLNode().createXMLString(1, &length);
+    ASSERT_NE(text, nullptr);
+    EXPECT_EQ(length, 0);
+    XMLNode::freeXMLString(text);
+}
+
+TEST(XMLPrint, SpecialCharactersSurviveRoundTrip) {
+    const char* nasty = "a & b < c > d \" e ' f &amp;";
+    for (int format : {0, 1}) {
+        SCOPED_TRACE(format);
+        XMLNode root = XMLNode::createXMLTopNode("root");
+        root.addChild("t").addText(nasty);
+        root.addChild("u").addAttribute("v", nasty);
+        root.addClear("keep <this> & that");
+        std::string printed = root.toString(format);
+        EXPECT_NE(printed.find("a &amp; b &lt; c &gt; d &quot; e &apos; f &amp;amp;"), std::string::npos);
+
+        XMLResults r;
+        XMLNode back = XMLNode::parseString(printed, "root", &r);
+        ASSERT_EQ(r.error, eXMLErrorNone) << printed;
+        EXPECT_STREQ(back.getChildNode("t").getText(), nasty);
+        EXPECT_STREQ(back.getChildNode("u").getAttribute("v"), nasty);
+        EXPECT_STREQ(back.getClear(), "keep <this> & that");
+        EXPECT_EQ(back.toString(format), printed);
+    }
+}
+
+TEST(XMLPrint, ParsedDocumentReprintsIdentically) {
+    const char* text =
+        "<root>\n"
+        "\t<cmd id=\"3\">play</cmd>\n"
+        "\t<!-- in order -->\n"
+        "\t<list>\n"
+        "\t\t<item/>\n"
+        "\t\t<item>x</item>\n"
+        "\t</list>\n"
+        "</root>\n";
+    XMLNode root = XMLNode::parseString(text, "root");
+    EXPECT_EQ(root.toString(1), text);
+}
+
+std::string readAll(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+TEST(XMLPrint, WriteToFileAddsDeclarationOnlyWhenMissing) {
+    std::string path = ::testing::TempDir() + "velmora_xml_write.xml";
+    ASSERT_EQ(statusAnswer().writeToFile(path.c_str()), eXMLErrorNone);
+    EXPECT_EQ(readAll(path), "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n" + statusAnswer().toString(1));
+
+    ASSERT_EQ(statusAnswer().writeToFile(path.c_str(), "ISO-8859-1", 0), eXMLErrorNone);
+    EXPECT_EQ(readAll(path), "<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>\n" + statusAnswer().toString(0));
+
+    XMLNode doc = XMLNode::parseString("<?xml version=\"1.0\"?><root/>");
+    ASSERT_EQ(doc.writeToFile(path.c_str()), eXMLErrorNone);
+    EXPECT_EQ(readAll(path), "<?xml version=\"1.0\"?>\n<root/>\n");
+    std::remove(path.c_str());
+
+    EXPECT_EQ(statusAnswer().writeToFile("/nonexistent-dir/x.xml"), eXMLErrorCannotOpenWriteFile);
+}
+
+TEST(XMLPrint, EscapeTool) {
+    EXPECT_EQ(ToXMLStringTool::toXML("<a href='x'>&\"</a>"), "&lt;a href=&apos;x&apos;&gt;&amp;&quot;&lt;/a&gt;");
+    EXPECT_EQ(ToXMLStringTool::toXML("plain"), "plain");
+    EXPECT_EQ(ToXMLStringTool::toXML(nullptr), "");
+}
+
+}  // namespace
