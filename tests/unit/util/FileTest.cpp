@@ -1,0 +1,72 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <regex>
+#include <string>
+
+#include "UtilTestSupport.h"
+#include "core/util/DebugLog.h"
+#include "core/util/PathUtil.h"
+#include "core/util/StackFrame.h"
+
+namespace {
+
+using testutil::TempDir;
+
+TEST(CommandLog, AppendsAndRollsOverPastTenMebibytes) {
+    TempDir dir;
+    const std::string log = dir / "cmd.log";
+    ASSERT_EQ(debug_write_log(log.c_str(), "Accept() [fail]"), 0);
+    EXPECT_TRUE(std::regex_match(testutil::readFile(log), std::regex(R"(\[\d\d:\d\d:\d\d\] Accept\(\) \[fail\]\n)")));
+
+    ASSERT_EQ(::truncate(log.c_str(), 10485760), 0);
+    ASSERT_EQ(debug_write_log(log.c_str(), "kept"), 0);
+    EXPECT_GT(testutil::readFile(log).size(), 10485760u) << "exactly at the limit is still appended to";
+    ASSERT_EQ(debug_write_log(log.c_str(), "fresh"), 0);
+    EXPECT_TRUE(std::regex_match(testutil::readFile(log), std::regex(R"(\[\d\d:\d\d:\d\d\] fresh\n)")));
+
+    EXPECT_EQ(debug_write_log((dir / "no/such/dir/log").c_str(), "x"), -1);
+}
+
+TEST(RealPath, ResolvesDirectoriesButKeepsAFilesOwnName) {
+    TempDir tmp;
+    std::string base, out;
+    ASSERT_EQ(get_real_path(tmp.path().c_str(), base), 0);
+    testutil::makeDirs(tmp / "real/sub");
+    ASSERT_TRUE(testutil::writeFile(tmp / "real/it's a song.mp3", "x"));
+    ASSERT_EQ(::symlink("real", (tmp / "link").c_str()), 0);
+    ASSERT_EQ(::symlink("it's a song.mp3", (tmp / "real/alias.mp3").c_str()), 0);
+
+    ASSERT_EQ(get_real_path((tmp / "link/it's a song.mp3").c_str(), out), 0);
+    EXPECT_EQ(out, base + "/real/it's a song.mp3") << "no quote escaping: nothing goes through a shell";
+    ASSERT_EQ(get_real_path((tmp / "link/alias.mp3").c_str(), out), 0);
+    EXPECT_EQ(out, base + "/real/alias.mp3");
+    ASSERT_EQ(get_real_path((tmp / "link/sub/../sub/").c_str(), out), 0);
+    EXPECT_EQ(out, base + "/real/sub");
+    EXPECT_EQ(get_real_path((tmp / "link/missing").c_str(), out), -1);
+
+    ASSERT_EQ(get_base_path((tmp / "link/sub").c_str(), out), 0);
+    EXPECT_EQ(out, base + "/real");
+    ASSERT_EQ(get_base_path("/proc", out), 0);
+    EXPECT_EQ(out, "/");
+    EXPECT_EQ(get_base_path((tmp / "nothing/here").c_str(), out), -1);
+    EXPECT_TRUE(is_file_exist((tmp / "real").c_str()));
+    EXPECT_FALSE(is_file_exist((tmp / "real/none").c_str()));
+}
+
+TEST(StackDump, AppendsHeaderAndFramesBelowTheRoot) {
+    TempDir root;
+    testutil::makeDirs(root / "tmp");
+    testutil::RootGuard guard(root.path());
+    preload_stackframe();
+    show_stackframe("Velmora.dump", 11, 4321);
+    show_stackframe("Velmora.dump", 6, 99);
+    std::string dump = testutil::readFile(root / "tmp/Velmora.dump");
+    EXPECT_TRUE(std::regex_search(
+        dump, std::regex(R"(=== signal 11 from pid 4321 in pid \d+ at \d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC)")))
+        << dump;
+    EXPECT_NE(dump.find("=== signal 6 from pid 99"), std::string::npos);
+    EXPECT_NE(dump.find("unit_util"), std::string::npos) << "frames of this program";
+}
+
+}  // namespace

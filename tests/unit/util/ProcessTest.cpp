@@ -1,0 +1,243 @@
+#include "core/util/Process.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <set>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "UtilTestSupport.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using testutil::TempDir;
+
+long msSince(Clock::time_point t) {
+    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count());
+}
+
+std::vector<pid_t> readPids(const std::string& path) {
+    std::istringstream in(testutil::readFile(path));
+    std::vector<pid_t> pids;
+    for (long p; in >> p;) pids.push_back(static_cast<pid_t>(p));
+    return pids;
+}
+
+// Gone, or a zombie left to init (not ours to reap): either way nothing runs.
+bool stopped(pid_t pid) {
+    for (int i = 0; i < 200; ++i) {
+        std::string stat = testutil::readFile("/proc/" + std::to_string(pid) + "/stat");
+        size_t close = stat.rfind(')');
+        if (stat.empty() || (close != std::string::npos && stat.compare(close, 3, ") Z") == 0)) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+bool reaped(pid_t pid) { return !testutil::exists("/proc/" + std::to_string(pid)); }
+
+// No child of this process is left, not even a zombie.
+void expectNoChildren() {
+    errno = 0;
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+}
+
+TEST(RunProcess, TimeOutKillsTheWholeGroupPromptly) {
+    TempDir dir;
+    // The background sleep also holds the output pipe: the runner must not wait for it either.
+    ASSERT_TRUE(testutil::writeFile(dir / "slow", "#!/bin/sh\necho $$ > \"$1\"\nsleep 30 &\necho $! >> \"$1\"\n"
+                                                  "echo started\nsleep 30\n", 0755));
+    ProcessOptions opt;
+    opt.timeoutMs = 400;
+    auto start = Clock::now();
+    ProcessResult r = runProcess({dir / "slow", dir / "pids"}, opt);
+    EXPECT_GE(msSince(start), 380);
+    EXPECT_LT(msSince(start), 2000);
+    EXPECT_TRUE(r.timedOut);
+    EXPECT_FALSE(r.ok());
+    EXPECT_EQ(r.output, "started\n");
+
+    auto pids = readPids(dir / "pids");
+    ASSERT_EQ(pids.size(), 2u);
+    EXPECT_TRUE(reaped(pids[0]));
+    EXPECT_TRUE(stopped(pids[1])) << "grandchild still running";
+    expectNoChildren();
+}
+
+TEST(RunProcess, ExitedChildsBackgroundJobDoesNotHoldTheCaller) {
+    TempDir dir;
+    ASSERT_TRUE(testutil::writeFile(dir / "bg", "#!/bin/sh\nsleep 30 &\necho $! > \"$1\"\necho done\nexit 3\n", 0755));
+    auto start = Clock::now();
+    ProcessResult r = runProcess({dir / "bg", dir / "pid"});  // no time-out at all
+    EXPECT_LT(msSince(start), 3000);
+    EXPECT_EQ(r.exitStatus, 3);
+    EXPECT_EQ(r.output, "done\n");
+    for (pid_t p : readPids(dir / "pid")) ::kill(p, SIGKILL);
+}
+
+TEST(RunProcess, OutputBeyondTheCapIsDrainedAndDropped) {
+    ProcessOptions opt;
+    opt.outputCap = 1000;
+    opt.timeoutMs = 10000;
+    ProcessResult r = runProcess({"/usr/bin/head", "-c", "3000000", "/dev/zero"}, opt);
+    EXPECT_TRUE(r.ok()) << "the writer must never block on a full pipe";
+    EXPECT_TRUE(r.truncated);
+    EXPECT_EQ(r.output.size(), 1000u);
+    EXPECT_FALSE(runProcess({"/usr/bin/head", "-c", "8192", "/dev/zero"}).truncated);
+}
+
+TEST(RunProcess, ArgumentsArriveVerbatimAndNothingRunsThroughAShell) {
+    TempDir dir;
+    const std::vector<std::string> tricky = {"a b", "it's \"q\"", "$(touch " + (dir / "X") + ")",
+                                             "`touch " + (dir / "Y") + "`", "; touch " + (dir / "Z"), "*", "$HOME",
+                                             ""};
+    std::vector<std::string> argv = {"printf", "[%s]\\n"};
+    argv.insert(argv.end(), tricky.begin(), tricky.end());
+    std::string expected;
+    for (const auto& a : tricky) expected += "[" + a + "]\n";
+    EXPECT_EQ(runProcess(argv).output, expected);
+    for (const char* f : {"X", "Y", "Z"}) EXPECT_FALSE(testutil::exists(dir / f)) << f;
+}
+
+TEST(RunProcess, StatusSignalAndStartFailure) {
+    TempDir dir;
+    ASSERT_TRUE(testutil::writeFile(dir / "exit7", "#!/bin/sh\nexit 7\n", 0755));
+    ASSERT_TRUE(testutil::writeFile(dir / "selfkill", "#!/bin/sh\nkill -TERM $$\nsleep 5\n", 0755));
+    EXPECT_EQ(runProcess({dir / "exit7"}).exitStatus, 7);
+    ProcessResult killed = runProcess({dir / "selfkill"});
+    EXPECT_EQ(killed.termSignal, SIGTERM);
+    EXPECT_FALSE(killed.ok());
+    EXPECT_EQ(runProcess({dir / "missing"}).spawnErrno, ENOENT);
+    EXPECT_EQ(runProcess({"velmora-no-such-program"}).spawnErrno, ENOENT);
+    expectNoChildren();
+}
+
+TEST(RunProcess, ChildGetsOnlyItsStandardDescriptors) {
+    // As if another thread had just opened a descriptor without close-on-exec.
+    ASSERT_EQ(::dup2(STDERR_FILENO, 100), 100);
+    ProcessResult r = runProcess({"/bin/ls", "/proc/self/fd"});
+    ::close(100);
+    std::set<std::string> fds;
+    std::istringstream in(r.output);
+    for (std::string fd; in >> fd;) fds.insert(fd);
+    EXPECT_EQ(fds, (std::set<std::string>{"0", "1", "2", "3"})) << "3 is ls's own listing";
+    EXPECT_EQ(runProcess({"/bin/readlink", "/proc/self/fd/0"}).output, "/dev/null\n");
+}
+
+TEST(RunProcess, CaptureChoicesAndRedirections) {
+    TempDir dir;
+    ASSERT_TRUE(testutil::writeFile(dir / "both", "#!/bin/sh\necho out\necho err >&2\n", 0755));
+    ProcessOptions opt;
+    opt.capture = ProcessOptions::Capture::Stderr;
+    EXPECT_EQ(runProcess({dir / "both"}, opt).output, "err\n");
+    opt.capture = ProcessOptions::Capture::Both;
+    EXPECT_EQ(runProcess({dir / "both"}, opt).output.size(), 8u);
+    opt.capture = ProcessOptions::Capture::None;
+    EXPECT_EQ(runProcess({dir / "both"}, opt).output, "");
+
+    ProcessOptions files;
+    files.stdoutFile = dir / "log";
+    runProcess({"/bin/echo", "one"}, files);
+    ASSERT_TRUE(testutil::writeFile(dir / "in", "two\n"));
+    files.stdinPath = dir / "in";
+    runProcess({"/bin/cat"}, files);
+    EXPECT_EQ(testutil::readFile(dir / "log"), "one\ntwo\n");
+}
+
+TEST(RunProcess, ManyThreadsAtOnce) {
+    std::atomic<int> good{0};
+    std::vector<std::thread> threads;
+    auto start = Clock::now();
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([t, &good] {
+            // A slow one among them must not hold the others up (no global lock).
+            ProcessOptions opt;
+            opt.timeoutMs = 300;
+            good += runProcess({"/bin/sleep", "10"}, opt).timedOut;
+            for (int i = 0; i < 10; ++i) {
+                std::string word = std::to_string(t) + "-" + std::to_string(i);
+                ProcessResult r = runProcess({"/bin/echo", word});
+                good += r.ok() && r.output == word + "\n";
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(good.load(), 8 * 11);
+    EXPECT_LT(msSince(start), 15000);
+    expectNoChildren();
+}
+
+TEST(ExecuteExternalCmd, OutputOrMinusOne) {
+    TempDir dir;
+    ASSERT_TRUE(testutil::writeFile(dir / "fail", "#!/bin/sh\necho partial\nexit 4\n", 0755));
+    std::string out = "stale";
+    EXPECT_EQ(execute_external_cmd({dir / "fail"}, out, 5), 0) << "any exit status";
+    EXPECT_EQ(out, "partial\n");
+
+    auto start = Clock::now();
+    EXPECT_EQ(execute_external_cmd({"/bin/sleep", "20"}, out, 1), -1);
+    EXPECT_LT(msSince(start), 3000);
+    EXPECT_EQ(out, "");
+    out = "stale";
+    EXPECT_EQ(execute_external_cmd({dir / "absent"}, out, 5), -1);
+    EXPECT_EQ(out, "");
+}
+
+TEST(FormatCommandLine, QuotesOnlyWhatNeedsIt) {
+    EXPECT_EQ(formatCommandLine({"/sbin/yarrow", "-f", "/etc/config/x.conf", "-d", "0", "", "default_subtitle"}),
+              "/sbin/yarrow -f /etc/config/x.conf -d 0 \"\" default_subtitle");
+    EXPECT_EQ(formatCommandLine({"t", "a b", "$x", "it's", "\"`", "Música"}),
+              "t \"a b\" \"\\$x\" \"it's\" \"\\\"\\`\" Música");
+}
+
+TEST(Subprocess, PipesBothWays) {
+    Subprocess p;
+    Subprocess::Options o;
+    o.in = o.out = Subprocess::Stream::Pipe;
+    ASSERT_EQ(p.start({"/bin/cat"}, o), 0);
+    ASSERT_EQ(::write(p.stdinFd(), "hello\n", 6), 6);
+    p.closeStdin();
+    char buf[16] = {};
+    EXPECT_EQ(::read(p.stdoutFd(), buf, sizeof buf), 6);
+    EXPECT_TRUE(p.waitFor(5000));
+    EXPECT_FALSE(p.running());
+    EXPECT_EQ(p.waitStatus(), 0);
+}
+
+TEST(Subprocess, TerminateEscalatesAndDestructorReaps) {
+    TempDir dir;
+    // Ignores SIGTERM, as does its child: only the SIGKILL after the grace period ends them.
+    ASSERT_TRUE(testutil::writeFile(dir / "stubborn", "#!/bin/sh\ntrap '' TERM\nsleep 30 &\necho $! > \"$1\"\nwait\n",
+                                    0755));
+    Subprocess p;
+    ASSERT_EQ(p.start({dir / "stubborn", dir / "pid"}), 0);
+    const pid_t pid = p.pid();
+    for (int i = 0; i < 200 && readPids(dir / "pid").empty(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_FALSE(p.tryWait());
+    auto start = Clock::now();
+    p.terminate(300);
+    EXPECT_GE(msSince(start), 250);
+    EXPECT_TRUE(WIFSIGNALED(p.waitStatus()) && WTERMSIG(p.waitStatus()) == SIGKILL);
+    EXPECT_TRUE(reaped(pid));
+    for (pid_t g : readPids(dir / "pid")) EXPECT_TRUE(stopped(g));
+
+    pid_t scoped;
+    {
+        Subprocess q;
+        ASSERT_EQ(q.start({"/bin/sleep", "30"}), 0);
+        scoped = q.pid();
+    }
+    EXPECT_TRUE(reaped(scoped));
+    expectNoChildren();
+}
+
+}  // namespace

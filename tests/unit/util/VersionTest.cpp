@@ -1,0 +1,101 @@
+#include "core/util/Version.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "UtilTestSupport.h"
+
+namespace {
+
+class VersionTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(testutil::installFakeReader(m_root.path()));
+        testutil::makeDirs(m_root / "etc/config");
+        ASSERT_TRUE(replace(modl(), "XUMA/Version=2.3.1\nOther/Version=1.0\n", 0));
+        ASSERT_TRUE(testutil::writeFile(m_root / "etc/config/tarvik.conf",
+                                        "System/Version=5.1.0\nSystem/Build Number=20240101\n"));
+    }
+    std::string modl() const { return m_root / "etc/config/modl.conf"; }
+    int runs() const { return testutil::countLines(m_root / "sbin/yarrow.calls"); }
+    // Replaces the file in one step, as an editor saving it would, with its time moved ahead.
+    bool replace(const std::string& path, const std::string& text, long secondsAhead) {
+        const std::string next = path + ".new";
+        struct stat st;
+        if (!testutil::writeFile(next, text) || ::stat(next.c_str(), &st) != 0) return false;
+        timespec times[2] = {st.st_atim, st.st_mtim};
+        times[1].tv_sec += secondsAhead;
+        return ::utimensat(AT_FDCWD, next.c_str(), times, 0) == 0 && ::rename(next.c_str(), path.c_str()) == 0;
+    }
+
+    testutil::TempDir m_root;
+    testutil::RootGuard m_guard{m_root.path()};
+};
+
+TEST_F(VersionTest, CachedUntilTheFileChanges) {
+    char buf[256];
+    ASSERT_EQ(getMODLVersion(buf, sizeof buf, "XUMA", true), 0);
+    EXPECT_STREQ(buf, "XUMA 2.3.1");
+    EXPECT_EQ(testutil::readFile(m_root / "sbin/yarrow.calls"), "-f " + modl() + " XUMA Version\n");
+    for (int i = 0; i < 20; ++i) ASSERT_EQ(getVersionText("XUMA"), "XUMA 2.3.1");
+    EXPECT_EQ(runs(), 1) << "served from the cache";
+
+    ASSERT_TRUE(replace(modl(), "XUMA/Version=2.3.2\nOther/Version=1.0\n", 5));
+    EXPECT_EQ(getVersionText("XUMA"), "XUMA 2.3.2");
+    EXPECT_EQ(runs(), 2);
+    EXPECT_EQ(getVersionText("Other"), "Other 1.0") << "each package has its own entry";
+    EXPECT_EQ(runs(), 3);
+}
+
+TEST_F(VersionTest, FirmwareIsTheFallbackAndFailuresAreQuietUnlessVerbose) {
+    char buf[256];
+    EXPECT_EQ(getVersion(buf, sizeof buf, "Missing", false, false), 1);
+    ASSERT_EQ(getVersion(buf, sizeof buf, "Missing", true, false), 0);
+    EXPECT_STREQ(buf, "FW 5.1.0.20240101");
+    const int before = runs();
+    EXPECT_EQ(getVersionText("Missing", false), "");
+    EXPECT_EQ(runs(), before) << "a failure is remembered for a while too";
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(getMODLVersion(buf, sizeof buf, "Missing", false), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(getMODLVersion(buf, sizeof buf, "Missing", true), 1);
+    EXPECT_EQ(getMODLVersion(buf, sizeof buf, nullptr, true), 1);
+    std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("Error: fgets failed or empty"), std::string::npos);
+    EXPECT_NE(log.find("Error: version or modlName is NULL"), std::string::npos);
+
+    ASSERT_EQ(::unlink((m_root / "sbin/yarrow").c_str()), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(getMODLVersion(buf, sizeof buf, "XUMA", true), 1);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("Error: popen failed"), std::string::npos);
+}
+
+TEST_F(VersionTest, ConcurrentCallersDuringAChange) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> bad{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; ++t) {
+        threads.emplace_back([&] {
+            while (!stop) {
+                std::string v = getVersionText("XUMA");
+                bad += v != "XUMA 2.3.1" && v != "XUMA 9.9.9";
+            }
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ASSERT_TRUE(replace(modl(), "XUMA/Version=9.9.9\n", 10));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    stop = true;
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(bad.load(), 0);
+    EXPECT_EQ(getVersionText("XUMA"), "XUMA 9.9.9");
+    EXPECT_EQ(runs(), 2) << "the change is read once, not by every waiting caller";
+}
+
+}  // namespace
