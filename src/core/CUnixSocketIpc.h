@@ -1,0 +1,43 @@
+// CUnixSocketIpc: a Unix-domain stream socket, as the daemon's listening socket (server) or
+// as a caller's connection to it (client).
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <sys/un.h>
+
+#include <atomic>
+
+class CUnixSocketIpc {
+public:
+    // Server: removes a leftover file at path, binds, and makes the file mode 0777.
+    // Throws the C string "CUnixSocketIpc::CUnixSocketIpc" when socket() or bind() fails.
+    CUnixSocketIpc(const char* path, bool server);
+    ~CUnixSocketIpc();
+    CUnixSocketIpc(const CUnixSocketIpc&) = delete;
+    CUnixSocketIpc& operator=(const CUnixSocketIpc&) = delete;
+
+    int Listen(int backlog);
+    // Client: sets 30 s receive and send time-outs, then connects. 0 or -1.
+    int Connect();
+    // Server: accepts one connection (retrying on EINTR); the descriptor or -1. Several
+    // threads may wait in Accept at once.
+    int Accept();
+    // One read (server: from fd, or the last accepted when fd < 0; client: the connection).
+    // Clears len bytes of buf first. Retries EINTR; a client retries EAGAIN/ETIMEDOUT twice.
+    ssize_t Read(void* buf, size_t len, int fd = -1);
+    // One write to the same descriptor choice as Read, retried on EINTR. Never raises SIGPIPE.
+    ssize_t Write(const void* buf, size_t len, int fd = -1);
+    int Close(int fd);
+
+    int getSockFd() const { return m_sockFd; }
+    const char* getPath() const { return m_addr.sun_path; }
+
+private:
+    int fdFor(int fd) const;
+
+    sockaddr_un m_addr{};
+    int m_sockFd = -1;
+    std::atomic<int> m_acceptedFd{-1};  // several threads may accept at once
+    bool m_bServer;
+};

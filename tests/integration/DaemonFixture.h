@@ -1,0 +1,60 @@
+// Runs the real daemon on a fresh simulated appliance and talks to it over its socket.
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <string>
+
+#include "client/VelmoraClient.h"
+#include "core/util/Process.h"
+
+namespace itest {
+
+// A fresh simulated appliance in a temporary directory, removed at the end.
+class SimRoot {
+public:
+    SimRoot();
+    ~SimRoot();
+    const std::string& path() const { return m_path; }
+    std::string socketPath() const { return vclient::socketPathForRoot(m_path); }
+
+private:
+    std::string m_path;
+};
+
+// The Velmora binary started with --root; stopped with SIGTERM when destroyed.
+class Daemon {
+public:
+    explicit Daemon(const std::string& root);
+    ~Daemon();
+
+    // Waits until the daemon answers echo (true) or gives up after timeoutMs.
+    bool waitReady(int timeoutMs = 10000);
+    // SIGTERM and reap; the exit status, or -1 if it had to be killed.
+    int stop(int timeoutMs = 10000);
+    bool running();
+    pid_t pid() const { return m_proc.pid(); }
+    // Everything the daemon wrote to stderr so far.
+    std::string log() const;
+    // Waits until the log holds text (lines written after the answer come a moment later).
+    bool waitForLog(const std::string& text, int timeoutMs = 5000) const;
+
+    vclient::Answer request(const std::string& command, const vclient::Params& params = {});
+    vclient::Exchange raw(const std::string& requestText);
+
+private:
+    std::string m_root;
+    std::string m_logPath;
+    Subprocess m_proc;
+};
+
+// Runs the daemon binary to completion (for start-up refusals); its output in `output`.
+int runDaemonOnce(const std::string& root, std::string& output, int timeoutMs = 10000);
+
+// A connected client socket to path, or -1.
+int connectTo(const std::string& path);
+// Reads one framed answer from fd (length block and text); empty on failure.
+std::string readFramedAnswer(int fd);
+
+}  // namespace itest

@@ -1,0 +1,198 @@
+// The daemon as its clients see it: start-up, the request envelope and the socket server.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <thread>
+#include <vector>
+
+#include "integration/DaemonFixture.h"
+
+using namespace itest;
+using namespace std::chrono_literals;
+
+namespace {
+
+class DaemonTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        daemon = std::make_unique<Daemon>(root.path());
+        ASSERT_TRUE(daemon->waitReady()) << daemon->log();
+    }
+    void TearDown() override {
+        if (daemon) {
+            EXPECT_EQ(daemon->stop(), 0) << daemon->log();
+        }
+    }
+
+    vclient::Answer send(const std::string& text) { return vclient::parseAnswer(daemon->raw(text).answer); }
+
+    SimRoot root;
+    std::unique_ptr<Daemon> daemon;
+};
+
+TEST_F(DaemonTest, EchoAnswersWithThePackageVersion) {
+    vclient::Exchange ex = daemon->raw("<root><command>echo</command></root>");
+    ASSERT_TRUE(ex.ok) << ex.error;
+    EXPECT_EQ(ex.answer, "<root>\n\t<status>ECHO</status>\n\t<version>XUMA 4.1.2</version>\n</root>\n");
+
+    // Three trace lines per logged command: the command, the request text, done.
+    EXPECT_TRUE(daemon->waitForLog("Command:echo  --dev:N/A(done)"));
+    std::string log = daemon->log();
+    EXPECT_NE(log.find("Command:echo  --dev:N/A\033[m"), std::string::npos);
+    EXPECT_NE(log.find("<root><command>echo</command></root>"), std::string::npos);
+}
+
+TEST_F(DaemonTest, VersionFollowsTheConfigurationFile) {
+    std::string conf = root.path() + "/etc/config/modl.conf";
+    std::ifstream in(conf);
+    std::string text((std::istreambuf_iterator<char>(in)), {});
+    size_t at = text.find("4.1.2");
+    ASSERT_NE(at, std::string::npos);
+    text.replace(at, 5, "4.2.0");
+    std::this_thread::sleep_for(20ms);  // a new modification time
+    std::ofstream(conf, std::ios::trunc) << text;
+
+    vclient::Answer a = daemon->request("echo");
+    EXPECT_STREQ(a.doc.getChildNode("version").getText(), "XUMA 4.2.0");
+}
+
+TEST_F(DaemonTest, BadRequestsAnswerTheirCodes) {
+    struct Case {
+        const char* text;
+        int code;
+        const char* logLine;
+    } cases[] = {
+        {"<root><command>NoSuchCommand</command></root>", -7, "COMMAND 'NoSuchCommand' not found"},
+        {"<root><paramList><dev>x</dev></paramList></root>", -7, "NO COMMAND FIELD"},
+        {"<root><command></command></root>", -7, "NO COMMAND FIELD"},
+        {"just some text", -2, "WRONG PACKAGE FORMAT"},
+        {"<other><command>echo</command></other>", -2, "WRONG PACKAGE FORMAT"},
+        {"<root><command>echo</root>", -2, "WRONG PACKAGE FORMAT"},
+        {"<root><command>&bogus;</command></root>", -2, "WRONG PACKAGE FORMAT"},
+        // Names are case-sensitive.
+        {"<root><command>ECHO</command></root>", -7, "COMMAND 'ECHO' not found"},
+    };
+    for (const Case& c : cases) {
+        vclient::Exchange ex = daemon->raw(c.text);
+        ASSERT_TRUE(ex.ok) << c.text << ": " << ex.error;
+        vclient::Answer a = vclient::parseAnswer(ex.answer);
+        EXPECT_EQ(a.code, c.code) << c.text;
+        EXPECT_STREQ(a.doc.getChildNode("version").getText(), "XUMA 4.1.2") << c.text;
+        EXPECT_NE(daemon->log().find(c.logLine), std::string::npos) << c.logLine;
+    }
+    EXPECT_TRUE(daemon->running());
+}
+
+TEST_F(DaemonTest, InlineCommandsNeverEndTheDaemon) {
+    EXPECT_EQ(daemon->request("CreatePlayer").code, 0);
+    EXPECT_EQ(daemon->request("CreatePlayer").status, "0");
+    EXPECT_EQ(daemon->request("debugDump").code, -3);
+    EXPECT_NE(daemon->log().find("PARAMTER NOT FOUNT"), std::string::npos);
+    EXPECT_EQ(daemon->request("debugDump", {{"dev", "uuid:nobody"}}).code, -4);
+    EXPECT_EQ(daemon->request("echo").status, "ECHO");
+}
+
+TEST_F(DaemonTest, PolledCommandsStayOutOfTheLog) {
+    daemon->request("GetVolume", {{"dev", "d1"}});
+    daemon->request("GetMute", {{"dev", "d1"}});
+    daemon->request("Play", {{"dev", "d1"}});
+    ASSERT_TRUE(daemon->waitForLog("Command:Play  --dev:d1(done)"));
+    std::string log = daemon->log();
+    EXPECT_EQ(log.find("Command:GetVolume"), std::string::npos);
+    EXPECT_EQ(log.find("Command:GetMute"), std::string::npos);
+    EXPECT_NE(log.find("Command:Play  --dev:d1"), std::string::npos);
+}
+
+TEST_F(DaemonTest, RequestSplitOverSeveralWritesIsRead) {
+    int fd = connectTo(root.socketPath());
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::write(fd, "<root><comm", 11), 11);
+    std::this_thread::sleep_for(150ms);
+    const char* rest = "and>echo</command></root>";
+    ASSERT_EQ(::write(fd, rest, strlen(rest)), (ssize_t)strlen(rest));
+    std::string answer = readFramedAnswer(fd);
+    ::close(fd);
+    EXPECT_EQ(vclient::parseAnswer(answer).status, "ECHO");
+}
+
+TEST_F(DaemonTest, RequestsLargerThanOneReadAreWhole) {
+    std::string pad(20000, 'x');
+    vclient::Answer a = daemon->request("echo", {{"padding", pad}});
+    EXPECT_EQ(a.status, "ECHO");
+}
+
+TEST_F(DaemonTest, SilentAndVanishingClientsDoNotHoldUpOthers) {
+    int silent = connectTo(root.socketPath());
+    ASSERT_GE(silent, 0);
+    int vanishing = connectTo(root.socketPath());
+    ASSERT_GE(vanishing, 0);
+    ::close(vanishing);  // gets an answer it never reads
+
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(daemon->request("echo").status, "ECHO");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    ::close(silent);
+    EXPECT_TRUE(daemon->running());
+}
+
+TEST_F(DaemonTest, TwoHundredConcurrentClientsAreAllAnswered) {
+    constexpr int kClients = 200;
+    std::atomic<int> answered{0};
+    std::vector<std::thread> clients;
+    for (int i = 0; i < kClients; ++i) {
+        clients.emplace_back([&] {
+            if (daemon->request("echo").status == "ECHO") ++answered;
+        });
+    }
+    for (auto& t : clients) t.join();
+    EXPECT_EQ(answered.load(), kClients);
+}
+
+TEST_F(DaemonTest, SocketIsWorldWritableAndRemovedAtStop) {
+    struct stat st;
+    ASSERT_EQ(::stat(root.socketPath().c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0777u);
+    EXPECT_EQ(daemon->stop(), 0);
+    EXPECT_NE(::access(root.socketPath().c_str(), F_OK), 0);
+    daemon.reset();
+}
+
+TEST_F(DaemonTest, SecondInstanceOnTheSameRootExitsWhileAnotherRootStarts) {
+    std::string output;
+    EXPECT_EQ(runDaemonOnce(root.path(), output), 0);
+    EXPECT_NE(output.find("process already exist!!"), std::string::npos) << output;
+    // The first instance still serves.
+    EXPECT_EQ(daemon->request("echo").status, "ECHO");
+
+    SimRoot other;
+    Daemon second(other.path());
+    EXPECT_TRUE(second.waitReady()) << second.log();
+    EXPECT_EQ(second.stop(), 0);
+}
+
+TEST(DaemonStartTest, StaleSocketFileIsReplaced) {
+    SimRoot root;
+    { std::ofstream(root.socketPath()) << "left over by a crash"; }
+    Daemon daemon(root.path());
+    ASSERT_TRUE(daemon.waitReady()) << daemon.log();
+    struct stat st;
+    ASSERT_EQ(::stat(root.socketPath().c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(st.st_mode & 0777, 0777u);
+    // The command log's directory sits beside the public share.
+    EXPECT_EQ(::access((root.path() + "/share/.log").c_str(), F_OK), 0);
+    EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST(DaemonStartTest, MissingRootIsRefused) {
+    std::string output;
+    EXPECT_EQ(runDaemonOnce("/nonexistent/velmora-root", output), 1);
+    EXPECT_NE(output.find("/nonexistent/velmora-root"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,55 @@
+// velmoractl as a person uses it: readable fields, exit codes, a helpful message when the
+// daemon is not there.
+#include <gtest/gtest.h>
+
+#include "core/util/Process.h"
+#include "integration/DaemonFixture.h"
+
+using namespace itest;
+
+namespace {
+
+ProcessResult ctl(const std::vector<std::string>& args) {
+    std::vector<std::string> argv{VELMORACTL_BIN};
+    argv.insert(argv.end(), args.begin(), args.end());
+    ProcessOptions opts;
+    opts.timeoutMs = 20000;
+    opts.capture = ProcessOptions::Capture::Both;
+    return runProcess(argv, opts);
+}
+
+TEST(VelmoractlTest, PrintsFieldsAndExitsByStatus) {
+    SimRoot root;
+    Daemon daemon(root.path());
+    ASSERT_TRUE(daemon.waitReady()) << daemon.log();
+
+    ProcessResult echo = ctl({"--root", root.path(), "echo"});
+    EXPECT_EQ(echo.exitStatus, 0) << echo.output;
+    EXPECT_EQ(echo.output, "status: ECHO\nversion: XUMA 4.1.2\n");
+
+    ProcessResult raw = ctl({"--root", root.path(), "--xml", "echo"});
+    EXPECT_EQ(raw.exitStatus, 0);
+    EXPECT_EQ(raw.output, "<root>\n\t<status>ECHO</status>\n\t<version>XUMA 4.1.2</version>\n</root>\n");
+
+    ProcessResult unknown = ctl({"--socket", root.socketPath(), "NoSuchCommand", "dev=a b&c"});
+    EXPECT_EQ(unknown.exitStatus, 1);
+    EXPECT_NE(unknown.output.find("status -7"), std::string::npos) << unknown.output;
+    EXPECT_NE(daemon.log().find("--dev:a b&c"), std::string::npos);
+
+    EXPECT_EQ(ctl({"--root", root.path(), "CreatePlayer"}).exitStatus, 0);
+    EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST(VelmoractlTest, UnreachableDaemonSaysHowToStartIt) {
+    SimRoot root;
+    ProcessResult r = ctl({"--root", root.path(), "echo"});
+    EXPECT_EQ(r.exitStatus, 2);
+    EXPECT_NE(r.output.find("Velmora --root"), std::string::npos) << r.output;
+}
+
+TEST(VelmoractlTest, BadUsageIsNotSentAnywhere) {
+    EXPECT_EQ(ctl({"echo", "novalue"}).exitStatus, 3);
+    EXPECT_EQ(ctl({}).exitStatus, 3);
+}
+
+}  // namespace

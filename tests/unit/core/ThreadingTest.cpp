@@ -1,0 +1,125 @@
+// Lock guards, the thread base and the monitor.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "player/CMyMonitor.h"
+#include "player/CThread.h"
+#include "player/ThreadLock.h"
+
+using namespace std::chrono_literals;
+
+TEST(LockGuardTest, TryLockThrowsAtOnceWhenHeldAndReleasesNothing) {
+    pthread_mutex_t m;
+    CThread::mutexInit(m, MUTEX_NORMAL_E);
+    {
+        ThreadSingleLock held(m);
+        std::thread other([&] { EXPECT_THROW(ThreadSingleTryLock busy(m), ThreadBusyException); });
+        other.join();
+    }
+    // Still lockable: the failed guard did not unlock a mutex it never held.
+    {
+        ThreadSingleTryLock free(m);
+    }
+    EXPECT_EQ(pthread_mutex_trylock(&m), 0);
+    pthread_mutex_unlock(&m);
+    pthread_mutex_destroy(&m);
+}
+
+TEST(LockGuardTest, MutexKinds) {
+    pthread_mutex_t recursive, normal;
+    EXPECT_EQ(CThread::mutexInit(recursive, MUTEX_RECURSIVE_E), 0);
+    EXPECT_EQ(CThread::mutexInit(normal, MUTEX_ERRORCHECK_E), 0);
+    {
+        ThreadSingleLock a(recursive);
+        ThreadSingleLock b(recursive);  // the same thread may take it twice
+    }
+    pthread_mutex_lock(&normal);
+    EXPECT_NE(pthread_mutex_lock(&normal), 0);  // error-checking: relocking is refused, not a deadlock
+    pthread_mutex_unlock(&normal);
+    pthread_mutex_destroy(&recursive);
+    pthread_mutex_destroy(&normal);
+}
+
+TEST(LockGuardTest, ReadersShareWritersExclude) {
+    pthread_rwlock_t lock;
+    pthread_rwlock_init(&lock, nullptr);
+    {
+        ThreadReadLock r1(lock);
+        ThreadReadLock r2(lock);
+        EXPECT_NE(pthread_rwlock_trywrlock(&lock), 0);
+    }
+    {
+        ThreadWriteLock w(lock);
+        EXPECT_NE(pthread_rwlock_tryrdlock(&lock), 0);
+    }
+    EXPECT_EQ(pthread_rwlock_trywrlock(&lock), 0);
+    pthread_rwlock_unlock(&lock);
+    pthread_rwlock_destroy(&lock);
+}
+
+namespace {
+
+class Worker : public CThread {
+public:
+    std::atomic<int> steps{0};
+    bool startedUp = false, exited = false;
+    ~Worker() override { join(); }
+
+protected:
+    void onStartup() override { startedUp = true; }
+    void process() override {
+        steps = 3;
+        throw "escaped";  // must not take the process down
+    }
+    void onExit() override { exited = true; }
+};
+
+struct Target {
+    std::atomic<int> calls{0};
+    void callback() { ++calls; }
+    std::string getDeviceName() const { return "test-device"; }
+};
+
+}  // namespace
+
+TEST(ThreadTest, BodyRunsAndAnExceptionStaysInside) {
+    Worker w;
+    ASSERT_EQ(w.start("worker"), 0);
+    w.join();
+    EXPECT_TRUE(w.startedUp);
+    EXPECT_EQ(w.steps.load(), 3);
+    EXPECT_FALSE(w.exited);  // the throw skipped onExit
+}
+
+TEST(MonitorTest, CallsBackPausesAndResumes) {
+    Target target;
+    myMonitor::CMyMonitor<Target> monitor(&target, 0);
+    ASSERT_EQ(monitor.start("monitor"), 0);
+    while (target.calls < 3) std::this_thread::sleep_for(1ms);
+
+    monitor.pause();
+    EXPECT_TRUE(monitor.isPaused());
+    EXPECT_TRUE(monitor.isStopRequested());
+    std::this_thread::sleep_for(20ms);  // a callback under way may still finish
+    int frozen = target.calls;
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(target.calls.load(), frozen);
+
+    monitor.resume();
+    while (target.calls < frozen + 3) std::this_thread::sleep_for(1ms);
+}
+
+TEST(MonitorTest, DestroyingAPausedMonitorWakesAndEndsIt) {
+    Target target;
+    auto start = std::chrono::steady_clock::now();
+    {
+        myMonitor::CMyMonitor<Target> monitor(&target, 3600);
+        ASSERT_EQ(monitor.start("monitor"), 0);
+        while (target.calls < 1) std::this_thread::sleep_for(1ms);
+        monitor.pause();
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+}
