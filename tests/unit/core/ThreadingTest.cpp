@@ -43,23 +43,6 @@ TEST(LockGuardTest, MutexKinds) {
     pthread_mutex_destroy(&normal);
 }
 
-TEST(LockGuardTest, ReadersShareWritersExclude) {
-    pthread_rwlock_t lock;
-    pthread_rwlock_init(&lock, nullptr);
-    {
-        ThreadReadLock r1(lock);
-        ThreadReadLock r2(lock);
-        EXPECT_NE(pthread_rwlock_trywrlock(&lock), 0);
-    }
-    {
-        ThreadWriteLock w(lock);
-        EXPECT_NE(pthread_rwlock_tryrdlock(&lock), 0);
-    }
-    EXPECT_EQ(pthread_rwlock_trywrlock(&lock), 0);
-    pthread_rwlock_unlock(&lock);
-    pthread_rwlock_destroy(&lock);
-}
-
 namespace {
 
 class Worker : public CThread {

@@ -122,16 +122,6 @@ TEST(XMLParse, ErrorsCarryCodeLineAndColumn) {
     EXPECT_EQ(r.error, eXMLErrorEmpty);
 }
 
-TEST(XMLParse, ErrorTexts) {
-    EXPECT_STREQ(XMLNode::getError(eXMLErrorNone), "No error");
-    EXPECT_STREQ(XMLNode::getError(eXMLErrorFirstTagNotFound), "Error: First Tag not found");
-    EXPECT_STREQ(XMLNode::getError(eXMLErrorCharacterCodeAbove255),
-                 "Error: Character code above 255 is forbidden in MultiByte char mode.");
-    EXPECT_STREQ(XMLNode::getError(eXMLErrorBase64DecodeBufferTooSmall),
-                 "Error: Base64 decode output buffer is too small");
-    EXPECT_STREQ(XMLNode::getVersion(), "v2.44");
-}
-
 TEST(XMLParse, ParseFile) {
     std::string path = ::testing::TempDir() + "velmora_xml_parse.xml";
     std::FILE* f = std::fopen(path.c_str(), "wb");

@@ -50,26 +50,6 @@ TEST(XMLPrint, DeclarationsAndDocumentNodes) {
     EXPECT_EQ(doc.toString(0), "<?xml version=\"1.0\" encoding=\"utf-8\"?><root><a/></root>");
 }
 
-TEST(XMLPrint, OutputEntryPointsAgree) {
-    XMLNode root = statusAnswer();
-    int length = -1;
-    char* text = root.createXMLString(1, &length);
-    ASSERT_NE(text, nullptr);
-    std::string expected = root.toString(1);
-    EXPECT_EQ(std::string(text), expected);
-    EXPECT_EQ(length, static_cast<int>(expected.size()));
-    XMLNode::freeXMLString(text);
-
-    std::string out = "prefix:";
-    root.appendTo(out, 0);
-    EXPECT_EQ(out, "prefix:" + root.toString(0));
-
-    text = XMLNode().createXMLString(1, &length);
-    ASSERT_NE(text, nullptr);
-    EXPECT_EQ(length, 0);
-    XMLNode::freeXMLString(text);
-}
-
 TEST(XMLPrint, SpecialCharactersSurviveRoundTrip) {
     const char* nasty = "a & b < c > d \" e ' f &amp;";
     for (int format : {0, 1}) {
@@ -126,12 +106,6 @@ TEST(XMLPrint, WriteToFileAddsDeclarationOnlyWhenMissing) {
     std::remove(path.c_str());
 
     EXPECT_EQ(statusAnswer().writeToFile("/nonexistent-dir/x.xml"), eXMLErrorCannotOpenWriteFile);
-}
-
-TEST(XMLPrint, EscapeTool) {
-    EXPECT_EQ(ToXMLStringTool::toXML("<a href='x'>&\"</a>"), "&lt;a href=&apos;x&apos;&gt;&amp;&quot;&lt;/a&gt;");
-    EXPECT_EQ(ToXMLStringTool::toXML("plain"), "plain");
-    EXPECT_EQ(ToXMLStringTool::toXML(nullptr), "");
 }
 
 }  // namespace

@@ -30,16 +30,6 @@ TEST(XMLTools, ConversionsFallBackToDefaults) {
     EXPECT_EQ(xmltoc(nullptr, 'q'), 'q');
 }
 
-TEST(XMLTools, StringDup) {
-    char* all = stringDup("hello");
-    EXPECT_STREQ(all, "hello");
-    std::free(all);
-    char* part = stringDup("hello", 3);
-    EXPECT_STREQ(part, "hel");
-    std::free(part);
-    EXPECT_EQ(stringDup(nullptr), nullptr);
-}
-
 std::string encode(const std::string& s, bool formatted = false) {
     return XMLParserBase64Tool::encode(reinterpret_cast<const unsigned char*>(s.data()), s.size(), formatted);
 }
