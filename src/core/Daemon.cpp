@@ -60,29 +60,22 @@ std::string makeCommandLogPath() {
     return real + ".center_cmd.log";
 }
 
+void setDisposition(int sig, void (*handler)(int), void (*action)(int, siginfo_t*, void*), int flags) {
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sigemptyset(&sa.sa_mask);
+    if (action) sa.sa_sigaction = action;
+    else sa.sa_handler = handler;
+    sa.sa_flags = flags;
+    sigaction(sig, &sa, nullptr);
+}
+
 void installSignals() {
-    struct sigaction fatal;
-    std::memset(&fatal, 0, sizeof fatal);
-    sigemptyset(&fatal.sa_mask);
-    fatal.sa_sigaction = &CPlayerManager::sigactionHandler;
-    fatal.sa_flags = SA_SIGINFO | SA_RESTART;
-    for (int sig : {SIGSEGV, SIGBUS, SIGABRT, SIGILL, SIGUSR1}) sigaction(sig, &fatal, nullptr);
-
-    struct sigaction ignore;
-    std::memset(&ignore, 0, sizeof ignore);
-    sigemptyset(&ignore.sa_mask);
-    ignore.sa_handler = SIG_IGN;
-    ignore.sa_flags = SA_RESETHAND;
-    sigaction(SIGPIPE, &ignore, nullptr);
-    sigaction(SIGHUP, &ignore, nullptr);
-
-    struct sigaction stop;
-    std::memset(&stop, 0, sizeof stop);
-    sigemptyset(&stop.sa_mask);
-    stop.sa_handler = &onStopSignal;
-    stop.sa_flags = SA_RESTART;
-    sigaction(SIGTERM, &stop, nullptr);
-    sigaction(SIGINT, &stop, nullptr);
+    for (int sig : {SIGSEGV, SIGBUS, SIGABRT, SIGILL, SIGUSR1})
+        setDisposition(sig, nullptr, &CPlayerManager::sigactionHandler, SA_SIGINFO | SA_RESTART);
+    for (int sig : {SIGPIPE, SIGHUP}) setDisposition(sig, SIG_IGN, nullptr, SA_RESETHAND);
+    // A clean stop: the accept side wakes through the pipe.
+    for (int sig : {SIGTERM, SIGINT}) setDisposition(sig, &onStopSignal, nullptr, SA_RESTART);
 }
 
 bool isResourceShortage(int err) { return err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM; }
@@ -112,28 +105,26 @@ void waitForStopSignal() {
 }  // namespace
 
 void errortMessage_(const char* operation) {
-    const char* name = nullptr;
-    switch (errno) {
-        case EINTR: name = "EINTR"; break;
-        case EBADF: name = "EBADF"; break;
-        case EAGAIN: name = "EAGAIN"; break;
-        case EFAULT: name = "EFAULT"; break;
-        case EINVAL: name = "EINVAL"; break;
-        case EMFILE: name = "EMFILE"; break;
-        case ENONET: name = "ENONET"; break;
-        case EPROTO: LOG_ERR("%s..... EPROTO", operation); return;
-        case ENOTSOCK: name = "ENOTSOCK"; break;
-        case ENOPROTOOPT: name = "ENOPROTOOPT"; break;
-        case EOPNOTSUPP: name = "EOPNOTSUPP"; break;
-        case ENETDOWN: name = "ENETDOWN"; break;
-        case ENETUNREACH: name = "ENETUNREACH"; break;
-        case ECONNABORTED: name = "ECONNABORTED"; break;
-        case ENOBUFS: name = "ENOBUFS"; break;
-        case EHOSTDOWN: name = "EHOSTDOWN"; break;
-        case EHOSTUNREACH: name = "EHOSTUNREACH"; break;
-        default: LOG_ERR("%s..... %d", operation, errno); return;
+    static const struct {
+        int err;
+        const char* name;
+    } kNames[] = {
+        {EINTR, "EINTR"},         {EBADF, "EBADF"},           {EAGAIN, "EAGAIN"},
+        {EFAULT, "EFAULT"},       {EINVAL, "EINVAL"},         {EMFILE, "EMFILE"},
+        {ENONET, "ENONET"},       {EPROTO, "EPROTO"},         {ENOTSOCK, "ENOTSOCK"},
+        {ENOPROTOOPT, "ENOPROTOOPT"}, {EOPNOTSUPP, "EOPNOTSUPP"}, {ENETDOWN, "ENETDOWN"},
+        {ENETUNREACH, "ENETUNREACH"}, {ECONNABORTED, "ECONNABORTED"}, {ENOBUFS, "ENOBUFS"},
+        {EHOSTDOWN, "EHOSTDOWN"}, {EHOSTUNREACH, "EHOSTUNREACH"},
+    };
+    int err = errno;
+    for (const auto& entry : kNames) {
+        if (entry.err != err) continue;
+        // The EPROTO line is the one written without a line break.
+        if (err == EPROTO) LOG_ERR("%s..... %s", operation, entry.name);
+        else LOG_ERR("%s..... %s\n", operation, entry.name);
+        return;
     }
-    LOG_ERR("%s..... %s\n", operation, name);
+    LOG_ERR("%s..... %d", operation, err);
 }
 
 int runDaemon() {

@@ -32,11 +32,7 @@ public:
     // T must offer callback() and getDeviceName() (a std::string or a C string).
     CMyMonitor(T* target, int periodSec) : CThread(THREAD_JOINABLE_E), m_target(target), m_period(periodSec) {
         pthread_mutex_init(&m_mutex, nullptr);
-        pthread_condattr_t attr;
-        pthread_condattr_init(&attr);
-        pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-        pthread_cond_init(&m_cond, &attr);
-        pthread_condattr_destroy(&attr);
+        monotonicCondInit(m_cond);
     }
 
     ~CMyMonitor() override {

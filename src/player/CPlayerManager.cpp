@@ -14,11 +14,7 @@ CPlayerManager::CPlayerManager(int passSeconds) : CThread(THREAD_JOINABLE_E), m_
     mutexInit(m_playlistLockMutex, MUTEX_NORMAL_E);
     pthread_rwlock_init(&m_rwLock, nullptr);
     pthread_mutex_init(&m_stopMutex, nullptr);
-    pthread_condattr_t attr;
-    pthread_condattr_init(&attr);
-    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-    pthread_cond_init(&m_stopCond, &attr);
-    pthread_condattr_destroy(&attr);
+    monotonicCondInit(m_stopCond);
 }
 
 CPlayerManager::~CPlayerManager() {

@@ -52,6 +52,14 @@ int CThread::mutexInit(pthread_mutex_t& mutex, mutextAttr_e attr) {
     return result;
 }
 
+void CThread::monotonicCondInit(pthread_cond_t& cond) {
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_init(&cond, &attr);
+    pthread_condattr_destroy(&attr);
+}
+
 void* CThread::_threadFunc(void* self) {
     auto* thread = static_cast<CThread*>(self);
     try {

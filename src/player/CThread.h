@@ -35,6 +35,8 @@ public:
 
     // 0 normal, 1 error-checking, 2 recursive. Returns 0, or the failing call's negative result.
     static int mutexInit(pthread_mutex_t& mutex, mutextAttr_e attr);
+    // A condition variable whose timed waits count CLOCK_MONOTONIC (immune to clock changes).
+    static void monotonicCondInit(pthread_cond_t& cond);
 
     // Start routine given to pthread_create; never lets an exception out.
     static void* _threadFunc(void* self);

@@ -1,5 +1,6 @@
 // The daemon as its clients see it: start-up, the request envelope and the socket server.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -193,6 +194,23 @@ TEST(DaemonStartTest, MissingRootIsRefused) {
     std::string output;
     EXPECT_EQ(runDaemonOnce("/nonexistent/velmora-root", output), 1);
     EXPECT_NE(output.find("/nonexistent/velmora-root"), std::string::npos);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(DaemonStartTest, FatalSignalWritesTheStackDumpAndExitsZero) {
+    SimRoot root;
+    Daemon daemon(root.path());
+    ASSERT_TRUE(daemon.waitReady()) << daemon.log();
+    ::kill(daemon.pid(), SIGUSR1);
+    int status = daemon.stop();
+    EXPECT_EQ(status, 0) << daemon.log();
+    EXPECT_NE(daemon.log().find("sig:10"), std::string::npos) << daemon.log();
+    std::ifstream dump(root.path() + "/tmp/Velmora.dump");
+    std::string text((std::istreambuf_iterator<char>(dump)), {});
+    EXPECT_FALSE(text.empty());
 }
 
 }  // namespace
