@@ -65,6 +65,15 @@ void XMLNodeData::release(XMLNodeData* d) noexcept {
 
 uint32_t XMLNodeData::insertSlot(XMLContentKind kind, int pos) {
     size_t at = (pos < 0 || static_cast<size_t>(pos) >= order.size()) ? order.size() : static_cast<size_t>(pos);
+    if (at == order.size()) {
+        // Appending, the common case (parsing, building answers): no scan, so a document with
+        // many children is built in linear time.
+        size_t count = kind == XMLContentKind::Child ? children.size()
+                       : kind == XMLContentKind::Text ? texts.size()
+                                                      : clears.size();
+        order.push_back(XMLContentSlot{kind, static_cast<uint32_t>(count)});
+        return static_cast<uint32_t>(count);
+    }
     uint32_t index = 0;
     for (size_t k = 0; k < at; ++k)
         if (order[k].kind == kind) ++index;
