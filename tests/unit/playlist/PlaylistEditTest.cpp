@@ -1,0 +1,251 @@
+// Playlist entries: order numbers kept dense by insertion, deletion, moves and batch insertion,
+// paging limits, and values that must reach the file exactly as given.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "unit/playlist/PlaylistTestSupport.h"
+
+using playlisttest::StoreTest;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+using Contents = std::vector<std::string>;
+
+TEST_F(StoreTest, InsertPlacesEntriesByRequestedOrder) {
+    // The first entry starts the list whatever position was asked for.
+    ASSERT_EQ(0, m_store->addPlaylist("first", MEDIA_AUDIO_E, "music", "", ""));
+    ASSERT_EQ(0, m_store->addElmInPlaylist("first", MEDIA_AUDIO_E, CONTENT_FILE_E, "music", "only", 5));
+    EXPECT_EQ(0, entries(m_store->getPlaylistID("first", "music")).at(0).OrderNr);
+
+    int mid = makeList("mid", 5);
+    ASSERT_EQ(0, m_store->addElmInPlaylist("mid", MEDIA_AUDIO_E, CONTENT_FILE_E, "music", "new", 2));
+    EXPECT_EQ(contents(mid), (Contents{"c0", "c1", "new", "c2", "c3", "c4"}));
+    EXPECT_TRUE(dense(mid));
+
+    // One past the end, -1 and anything further all append.
+    int tail = makeList("tail", 5);
+    for (int request : {5, -1, 9})
+        ASSERT_EQ(0, m_store->addElmInPlaylist("tail", MEDIA_AUDIO_E, CONTENT_FILE_E, "music",
+                                               ("at" + std::to_string(request)).c_str(), request));
+    EXPECT_EQ(contents(tail), (Contents{"c0", "c1", "c2", "c3", "c4", "at5", "at-1", "at9"}));
+    EXPECT_TRUE(dense(tail));
+
+    // Any other negative position is stored as asked, ahead of everything.
+    int neg = makeList("neg", 2);
+    ASSERT_EQ(0, m_store->addElmInPlaylist("neg", MEDIA_AUDIO_E, CONTENT_FILE_E, "music", "n", -3));
+    auto page = entries(neg);
+    ASSERT_EQ(3u, page.size());
+    EXPECT_EQ(-3, page[0].OrderNr);
+    EXPECT_EQ(1, page[1].OrderNr);
+
+    EXPECT_EQ(-12, m_store->addElmInPlaylist("missing", MEDIA_AUDIO_E, CONTENT_FILE_E, "music", "x", 0));
+    EXPECT_EQ(-12, m_store->addElmInPlaylist("mid", MEDIA_AUDIO_E, CONTENT_FILE_E, "video", "x", 0));
+    // A refused edit leaves no transaction open behind it: the next edit reaches the file.
+    ASSERT_EQ(0, m_store->addElmInPlaylist("mid", MEDIA_AUDIO_E, CONTENT_FILE_E, "music", "after", -1));
+    EXPECT_EQ("7", playlisttest::rawQuery(dbPath(), "SELECT COUNT(*) FROM Playlist_TBL WHERE PlaylistID=" +
+                                                        std::to_string(mid)));
+}
+
+TEST_F(StoreTest, DeleteClosesTheGap) {
+    int id = makeList("list", 5);
+    uint64_t second = entries(id).at(1).UUID;
+    ASSERT_EQ(0, m_store->delElmInPlaylist("list", "music", second));
+    EXPECT_EQ(contents(id), (Contents{"c0", "c2", "c3", "c4"}));
+    EXPECT_TRUE(dense(id));
+
+    // An unknown uuid, or the entry of another playlist, changes nothing.
+    int other = makeList("other", 1);
+    EXPECT_EQ(0, m_store->delElmInPlaylist("list", "music", second));
+    EXPECT_EQ(0, m_store->delElmInPlaylist("list", "music", entries(other).at(0).UUID));
+    EXPECT_EQ(contents(id), (Contents{"c0", "c2", "c3", "c4"}));
+    EXPECT_TRUE(dense(id));
+    EXPECT_EQ(1, m_store->getSizeOfPlaylist(other));
+    EXPECT_EQ(-12, m_store->delElmInPlaylist("missing", "music", second));
+}
+
+TEST_F(StoreTest, MoveShiftsTheEntriesBetween) {
+    int down = makeList("down", 5);
+    EXPECT_EQ(0, m_store->reorderPlaylistElm(down, 1, 3));
+    EXPECT_EQ(contents(down), (Contents{"c0", "c2", "c3", "c1", "c4"}));
+    EXPECT_TRUE(dense(down));
+
+    int up = makeList("up", 5);
+    EXPECT_EQ(0, m_store->reorderPlaylistElm(up, 3, 1));
+    EXPECT_EQ(contents(up), (Contents{"c0", "c3", "c1", "c2", "c4"}));
+    EXPECT_TRUE(dense(up));
+
+    EXPECT_EQ(0, m_store->reorderPlaylistElm(up, 0, 4));
+    EXPECT_EQ(0, m_store->reorderPlaylistElm(up, 4, 0));
+    EXPECT_EQ(contents(up), (Contents{"c0", "c3", "c1", "c2", "c4"}));
+
+    // Nothing at the source position: nothing moves (a shift alone would open a gap).
+    EXPECT_EQ(0, m_store->reorderPlaylistElm(up, 7, 1));
+    EXPECT_EQ(0, m_store->reorderPlaylistElm(up, 2, 2));
+    EXPECT_EQ(contents(up), (Contents{"c0", "c3", "c1", "c2", "c4"}));
+    EXPECT_TRUE(dense(up));
+}
+
+TEST_F(StoreTest, EntryPagingAndSingleReads) {
+    int id = makeList("list", 4);
+    std::vector<playlistElm_s> page;
+    EXPECT_EQ(0, m_store->getPlaylistElmsByPage(page, id, 1, 2));
+    ASSERT_EQ(2u, page.size());
+    EXPECT_EQ("c1", page[0].Content);
+    EXPECT_EQ(id, page[0].PlaylistID);
+    EXPECT_EQ("c2", page[1].Content);
+
+    page.clear();
+    EXPECT_EQ(0, m_store->getPlaylistElmsByPage(page, id, 0, 0));
+    EXPECT_EQ(4u, page.size());
+    EXPECT_EQ(0, m_store->getPlaylistElmsByPage(page, id, 3, 10));  // appends
+    EXPECT_EQ(5u, page.size());
+
+    page.clear();
+    EXPECT_EQ(-12, m_store->getPlaylistElmsByPage(page, id, 4, 1));
+    EXPECT_THAT(page, IsEmpty());
+    int empty = makeList("empty", 0);
+    EXPECT_EQ(0, m_store->getPlaylistElmsByPage(page, empty, 0, 0));
+    EXPECT_EQ(0, m_store->getPlaylistElmsByPage(page, empty, 3, 1));
+    EXPECT_THAT(page, IsEmpty());
+
+    playlistElm_t elm;
+    EXPECT_EQ(0, m_store->getPlaylistElmByIndex(elm, id, 3));
+    EXPECT_EQ("c3", elm.Content);
+    EXPECT_EQ(MEDIA_AUDIO_E, elm.MediaType);
+    EXPECT_EQ(CONTENT_FILE_E, elm.ContentType);
+    EXPECT_EQ(-12, m_store->getPlaylistElmByIndex(elm, id, 4));
+    EXPECT_EQ(0, elm.PlaylistID);
+
+    EXPECT_EQ(0, m_store->getPlaylistElmByOrder(elm, id, 2));
+    EXPECT_EQ("c2", elm.Content);
+    EXPECT_EQ(-1, m_store->getPlaylistElmByOrder(elm, id, 9));
+    EXPECT_EQ(-1, m_store->getPlaylistElmByOrder(elm, empty, 0));
+}
+
+TEST_F(StoreTest, HostileTextIsAnOrdinaryValue) {
+    const std::string title = "it's \"ours\" & <b>; DROP TABLE Playlist_TBL; -- $(reboot) `id`";
+    const std::string app = "app'type";
+    const std::string content = "/share/Music/l'été – 日本語/$(rm -rf ~) & <x> 'q' \"qq\".mp3";
+
+    ASSERT_EQ(0, m_store->addPlaylist(title.c_str(), MEDIA_MIXED_E, app.c_str(), "o'wner", "t&g"));
+    EXPECT_EQ(1, m_store->addPlaylist(title.c_str(), MEDIA_MIXED_E, app.c_str(), "", ""));
+    int id = m_store->getPlaylistID(title, app);
+    ASSERT_GE(id, 1);
+    ASSERT_EQ(0, m_store->addElmInPlaylist(title.c_str(), MEDIA_VIDEO_E, CONTENT_FILE_E, app.c_str(),
+                                           content.c_str(), -1));
+    ASSERT_EQ(0, m_store->transBegin());
+    ASSERT_EQ(0, m_store->transAddElmInPlaylist(id, MEDIA_VIDEO_E, CONTENT_FILE_E, content.c_str(), 1));
+    ASSERT_EQ(0, m_store->transEnd());
+    EXPECT_EQ(contents(id), (Contents{content, content}));
+
+    std::string got;
+    EXPECT_EQ(id, m_store->getPlaylistTitle(id, got, app.c_str()));
+    EXPECT_EQ(title, got);
+    playlistLibElm_t lib;
+    ASSERT_EQ(0, m_store->getPlaylistLibElmByID(id, lib));
+    EXPECT_EQ("o'wner", lib.Owner);
+    EXPECT_EQ("t&g", lib.Tag);
+    EXPECT_EQ(MEDIA_MIXED_E, lib.PlaylistType);
+
+    EXPECT_EQ(0, m_store->delPlaylist(title, app));
+    EXPECT_EQ(-1, m_store->getPlaylistID(title, app));
+    EXPECT_EQ(0, m_store->getSizeOfPlaylist(id));
+}
+
+TEST_F(StoreTest, ObjectIdIsKeptOnlyForObjectsAddedSingly) {
+    int id = makeList("list", 0);
+    const std::string longId(300, 'o');
+    std::string multibyte = std::string(254, 'm') + "\xC3\xA9";  // a 2-byte letter across byte 255
+    ASSERT_EQ(0, m_store->addElmInPlaylist("list", MEDIA_AUDIO_E, CONTENT_OBJECT_E, "music", "obj:1", -1));
+    ASSERT_EQ(0, m_store->addElmInPlaylist("list", MEDIA_AUDIO_E, CONTENT_FILE_E, "music", "/a.mp3", -1));
+    ASSERT_EQ(0, m_store->addElmInPlaylist("list", MEDIA_AUDIO_E, CONTENT_OBJECT_E, "music", "", -1));
+    ASSERT_EQ(0, m_store->addElmInPlaylist("list", MEDIA_AUDIO_E, CONTENT_OBJECT_E, "music", longId.c_str(), -1));
+    ASSERT_EQ(0, m_store->addElmInPlaylist("list", MEDIA_AUDIO_E, CONTENT_OBJECT_E, "music", multibyte.c_str(), -1));
+    ASSERT_EQ(0, m_store->transBegin());
+    ASSERT_EQ(0, m_store->transAddElmInPlaylist(id, MEDIA_AUDIO_E, CONTENT_OBJECT_E, "obj:2", 5));
+    ASSERT_EQ(0, m_store->transEnd());
+
+    auto page = entries(id);
+    ASSERT_EQ(6u, page.size());
+    EXPECT_EQ("obj:1", page[0].UPnPObjID);
+    EXPECT_EQ("N/A", page[1].UPnPObjID);
+    EXPECT_EQ("N/A", page[2].UPnPObjID);
+    EXPECT_EQ(longId.substr(0, 255), page[3].UPnPObjID);
+    EXPECT_EQ(longId, page[3].Content);
+    EXPECT_EQ(std::string(254, 'm'), page[4].UPnPObjID);
+    EXPECT_EQ("N/A", page[5].UPnPObjID);
+    EXPECT_EQ(CONTENT_OBJECT_E, page[5].ContentType);
+}
+
+TEST_F(StoreTest, BatchInsertionAtAPosition) {
+    int id = makeList("list", 5);
+    // Room for three at 2, then the batch fills it.
+    ASSERT_EQ(0, m_store->adjustPlayOrder(id, 2, 3));
+    ASSERT_EQ(0, m_store->transBegin());
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(0, m_store->transAddElmInPlaylist(id, MEDIA_PHOTO_E, CONTENT_DBID_E,
+                                                    ("b" + std::to_string(i)).c_str(), 2 + i));
+    ASSERT_EQ(0, m_store->transEnd());
+    EXPECT_EQ(contents(id), (Contents{"c0", "c1", "b0", "b1", "b2", "c2", "c3", "c4"}));
+    EXPECT_TRUE(dense(id));
+
+    // At the end is allowed and moves nothing; beyond it is refused.
+    EXPECT_EQ(0, m_store->adjustPlayOrder(id, 8, 1));
+    EXPECT_EQ(-1, m_store->adjustPlayOrder(id, 9, 1));
+    EXPECT_TRUE(dense(id));
+
+    // transEnd without transBegin reports the failed commit and leaves the store usable.
+    EXPECT_NE(0, m_store->transEnd());
+    EXPECT_EQ(8, m_store->getSizeOfPlaylist(id));
+}
+
+TEST_F(StoreTest, BatchHoldsOtherThreadsOffUntilCommitted) {
+    int id = makeList("list", 1);
+    ASSERT_EQ(0, m_store->transBegin());
+    std::atomic<int> seen{-100};
+    std::thread reader([&] { seen = m_store->getSizeOfPlaylist(id); });
+    ASSERT_EQ(0, m_store->transAddElmInPlaylist(id, MEDIA_AUDIO_E, CONTENT_FILE_E, "b", 1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(-100, seen.load());  // still waiting for the lock
+    ASSERT_EQ(0, m_store->transEnd());
+    reader.join();
+    EXPECT_EQ(2, seen.load());
+}
+
+TEST_F(StoreTest, ConcurrentEditsKeepOrdersDense) {
+    int id = makeList("shared", 0);
+    constexpr int kThreads = 4;
+    constexpr int kPerThread = 40;
+    std::vector<std::thread> threads;
+    std::atomic<int> failures{0};
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kPerThread; ++i) {
+                std::string content = "t" + std::to_string(t) + "-" + std::to_string(i);
+                int where = (i % 3 == 0) ? -1 : (i % 3 == 1 ? 0 : i / 2);
+                if (m_store->addElmInPlaylist("shared", MEDIA_AUDIO_E, CONTENT_FILE_E, "music", content.c_str(),
+                                              where) != 0)
+                    ++failures;
+                std::vector<playlistElm_s> page;
+                if (m_store->getPlaylistElmsByPage(page, id, 0, 10) != 0 || page.empty()) ++failures;
+                if (i % 5 == 4 && m_store->reorderPlaylistElm(id, 0, static_cast<int>(page.size()) - 1) != 0)
+                    ++failures;
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(0, failures.load());
+    EXPECT_EQ(kThreads * kPerThread, m_store->getSizeOfPlaylist(id));
+    EXPECT_TRUE(dense(id));
+    auto all = contents(id);
+    std::sort(all.begin(), all.end());
+    EXPECT_EQ(all.end(), std::adjacent_find(all.begin(), all.end()));
+}
+
+}  // namespace

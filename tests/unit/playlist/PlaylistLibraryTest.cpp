@@ -1,0 +1,193 @@
+// The playlist library (titles per app type, the "ALL" rules) and the database file itself:
+// where it lives, and what happens to a file of another schema version.
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <regex>
+
+#include "unit/playlist/PlaylistTestSupport.h"
+
+using playlisttest::rawQuery;
+using playlisttest::StoreTest;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST_F(StoreTest, TitlesAreUniquePerAppType) {
+    EXPECT_EQ(0, m_store->addPlaylist("Mix", MEDIA_AUDIO_E, "music", "alice", "fav"));
+    EXPECT_EQ(1, m_store->addPlaylist("Mix", MEDIA_VIDEO_E, "music", "bob", ""));
+    EXPECT_EQ(0, m_store->addPlaylist("Mix", MEDIA_VIDEO_E, "video", nullptr, nullptr));
+    EXPECT_EQ(0, m_store->addPlaylist("mix", MEDIA_AUDIO_E, "music", "", ""));  // case matters
+
+    int music = m_store->getPlaylistID("Mix", "music");
+    int video = m_store->getPlaylistID("Mix", "video");
+    EXPECT_GE(music, 1);
+    EXPECT_GE(video, 1);
+    EXPECT_NE(music, video);
+    EXPECT_EQ(-1, m_store->getPlaylistID("Mix", "photo"));
+
+    std::string title = "unchanged";
+    EXPECT_EQ(video, m_store->getPlaylistTitle(video, title, "music"));  // wrong app type: not filled
+    EXPECT_EQ("unchanged", title);
+    EXPECT_EQ(video, m_store->getPlaylistTitle(video, title, "video"));
+    EXPECT_EQ("Mix", title);
+
+    // Deleting takes the entries along; deleting what is not there succeeds.
+    ASSERT_EQ(0, m_store->addElmInPlaylist("Mix", MEDIA_AUDIO_E, CONTENT_FILE_E, "music", "/a", -1));
+    EXPECT_EQ(0, m_store->delPlaylist("Mix", "music"));
+    EXPECT_EQ(0, m_store->getSizeOfPlaylist(music));
+    EXPECT_EQ(-1, m_store->getPlaylistID("Mix", "music"));
+    EXPECT_EQ(video, m_store->getPlaylistID("Mix", "video"));
+    EXPECT_EQ(0, m_store->delPlaylist("Mix", "music"));
+    EXPECT_EQ(0, m_store->delAllElmInPlaylist("nothing", "music"));
+}
+
+TEST_F(StoreTest, LibraryReadsAndTheAllAppType) {
+    ASSERT_EQ(0, m_store->addPlaylist("a1", MEDIA_AUDIO_E, "music", "alice", "t1"));
+    ASSERT_EQ(0, m_store->addPlaylist("a2", MEDIA_AUDIO_E, "music", "", ""));
+    ASSERT_EQ(0, m_store->addPlaylist("v1", MEDIA_VIDEO_E, "video", "", ""));
+    EXPECT_EQ(3, m_store->getSizeOfPlaylistLib("ALL"));
+    EXPECT_EQ(2, m_store->getSizeOfPlaylistLib("music"));
+    EXPECT_EQ(0, m_store->getSizeOfPlaylistLib("all"));
+
+    std::vector<playlistLibElm_s> page;
+    EXPECT_EQ(0, m_store->getPlaylistLibElmsByPage(page, "ALL", 0, 0));
+    ASSERT_EQ(3u, page.size());
+    EXPECT_EQ("video", page[2].AppType);  // pages fill the app type
+    EXPECT_EQ("v1", page[2].PlaylistTitle);
+    page.clear();
+    EXPECT_EQ(0, m_store->getPlaylistLibElmsByPage(page, "music", 1, 5));
+    ASSERT_EQ(1u, page.size());
+    EXPECT_EQ("a2", page[0].PlaylistTitle);
+    page.clear();
+    EXPECT_EQ(0, m_store->getPlaylistLibElmsByPage(page, "music", 2, 1));
+    EXPECT_EQ(0, m_store->getPlaylistLibElmsByPage(page, "photo", 0, 0));
+    EXPECT_TRUE(page.empty());
+
+    // Single-row reads leave the caller's app type alone.
+    playlistLibElm_t elm;
+    elm.AppType = "mine";
+    ASSERT_EQ(0, m_store->getPlaylistLibElmByIndex(elm, "music", 1));
+    EXPECT_EQ("a2", elm.PlaylistTitle);
+    EXPECT_EQ("mine", elm.AppType);
+    ASSERT_EQ(0, m_store->getPlaylistLibElmByID(m_store->getPlaylistID("a1", "music"), elm));
+    EXPECT_EQ("a1", elm.PlaylistTitle);
+    EXPECT_EQ("alice", elm.Owner);
+    EXPECT_EQ("t1", elm.Tag);
+    EXPECT_EQ(MEDIA_AUDIO_E, elm.PlaylistType);
+    EXPECT_EQ("mine", elm.AppType);
+    EXPECT_EQ(-12, m_store->getPlaylistLibElmByIndex(elm, "music", 2));
+
+    // "ALL" counts every playlist but selects the app type named "ALL": none here.
+    elm = playlistLibElm_t();
+    EXPECT_EQ(0, m_store->getPlaylistLibElmByIndex(elm, "ALL", 0));
+    EXPECT_EQ(0, elm.PlaylistID);
+    EXPECT_TRUE(elm.PlaylistTitle.empty());
+}
+
+TEST_F(StoreTest, DatabaseLivesOnTheShareVolume) {
+    EXPECT_EQ(dbPath(), m_store->getPath());
+    EXPECT_TRUE(testutil::exists(dbPath()));
+
+    // The share as a link to a volume: the database goes beside the share's real directory.
+    m_store.reset();
+    fs::remove(m_tmp / "share/Public");
+    testutil::makeDirs(m_tmp / "vol1/Public");
+    fs::create_directory_symlink(m_tmp / "vol1/Public", m_tmp / "share/Public");
+    m_store = std::make_unique<CSqlitePlaylist>();
+    std::string real = fs::canonical(m_tmp.path()).string();
+    EXPECT_EQ(real + "/vol1/.modl/.@Ostrafel/playlist.db", m_store->getPath());
+    EXPECT_EQ(0, m_store->addPlaylist("x", MEDIA_AUDIO_E, "music", "", ""));
+
+    // Without the share: under <root>/share/.
+    m_store.reset();
+    fs::remove(m_tmp / "share/Public");
+    m_store = std::make_unique<CSqlitePlaylist>();
+    EXPECT_EQ(dbPath(), m_store->getPath());
+    EXPECT_EQ(0, m_store->getSizeOfPlaylistLib("ALL"));
+}
+
+class VersionTest : public StoreTest {
+protected:
+    // Names of the files set aside in the database's directory.
+    std::vector<std::string> backups() {
+        std::vector<std::string> out;
+        static const std::regex kBak(R"(playlist\.db\.[0-9]+\.bak)");
+        for (const auto& entry : fs::directory_iterator(fs::path(dbPath()).parent_path()))
+            if (std::regex_match(entry.path().filename().string(), kBak)) out.push_back(entry.path().string());
+        return out;
+    }
+    // Replaces the database by one holding playlist "old" and the given version statement.
+    void writeOldDatabase(const std::string& versionSql) {
+        m_store.reset();
+        fs::remove(dbPath());
+        ASSERT_EQ("", rawQuery(dbPath(),
+                               "CREATE TABLE Version_TBL (Version);"
+                               "CREATE TABLE PlaylistLib_TBL (PlaylistID integer PRIMARY KEY,PlaylistType integer, "
+                               "AppType , PlaylistTitle, Owner, Tag);"
+                               "CREATE TABLE Playlist_TBL (UUID integer PRIMARY KEY, PlaylistID, OrderNr, MediaType, "
+                               "ContentType, Content, UPnPObjID);"
+                               "INSERT INTO PlaylistLib_TBL VALUES(NULL, '0', 'music', 'old', '', '');" +
+                                   versionSql));
+    }
+    void expectSetAsideAndRecreated() {
+        m_store = std::make_unique<CSqlitePlaylist>();
+        EXPECT_EQ(0, m_store->getSizeOfPlaylistLib("ALL"));
+        EXPECT_EQ(0, m_store->addPlaylist("old", MEDIA_AUDIO_E, "music", "", ""));  // a fresh library
+        EXPECT_EQ(CSqlitePlaylist::kSchemaVersion, rawQuery(dbPath(), "SELECT Version FROM Version_TBL"));
+        EXPECT_EQ("wal", rawQuery(dbPath(), "PRAGMA journal_mode"));
+        auto baks = backups();
+        ASSERT_EQ(1u, baks.size());
+        EXPECT_EQ("old", rawQuery(baks[0], "SELECT PlaylistTitle FROM PlaylistLib_TBL"));
+    }
+};
+
+TEST_F(VersionTest, CurrentVersionIsKeptWithItsPlaylists) {
+    ASSERT_EQ(0, m_store->addPlaylist("keep", MEDIA_AUDIO_E, "music", "", ""));
+    ASSERT_EQ(0, m_store->addElmInPlaylist("keep", MEDIA_AUDIO_E, CONTENT_FILE_E, "music", "/k", -1));
+    m_store.reset();
+
+    CGlobalsSingleton<CSqlitePlaylist>::reset();
+    CSqlitePlaylist& store = playlistStore();
+    int id = store.getPlaylistID("keep", "music");
+    EXPECT_GE(id, 1);
+    EXPECT_EQ(1, store.getSizeOfPlaylist(id));
+    CGlobalsSingleton<CSqlitePlaylist>::reset();
+    EXPECT_TRUE(backups().empty());
+}
+
+TEST_F(VersionTest, OtherVersionIsSetAside) {
+    writeOldDatabase("INSERT INTO Version_TBL VALUES('20120101');");
+    expectSetAsideAndRecreated();
+    EXPECT_EQ("20120101", rawQuery(backups().at(0), "SELECT Version FROM Version_TBL"));
+}
+
+TEST_F(VersionTest, MissingVersionRowIsSetAside) {
+    writeOldDatabase("");
+    expectSetAsideAndRecreated();
+}
+
+TEST_F(VersionTest, FileThatIsNoDatabaseIsSetAsideIntact) {
+    m_store.reset();
+    const std::string junk = "this is not a database\n" + std::string(5000, 'x');
+    ASSERT_TRUE(testutil::writeFile(dbPath(), junk));
+    m_store = std::make_unique<CSqlitePlaylist>();
+    EXPECT_EQ(0, m_store->addPlaylist("new", MEDIA_AUDIO_E, "music", "", ""));
+    auto baks = backups();
+    ASSERT_EQ(1u, baks.size());
+    EXPECT_EQ(junk, testutil::readFile(baks[0]));
+
+    // A second replacement within the same second must not overwrite the first copy.
+    m_store.reset();
+    ASSERT_TRUE(testutil::writeFile(dbPath(), junk));
+    m_store = std::make_unique<CSqlitePlaylist>();
+    EXPECT_EQ(0, m_store->getSizeOfPlaylistLib("ALL"));
+    size_t copies = 0;
+    for (const auto& entry : fs::directory_iterator(fs::path(dbPath()).parent_path()))
+        if (entry.path().extension() == ".bak" && testutil::readFile(entry.path()) == junk) ++copies;
+    EXPECT_EQ(2u, copies);
+}
+
+}  // namespace

@@ -1,0 +1,95 @@
+// Shared helpers of the playlist-store tests: a scratch appliance root with its public share,
+// a store on it, and direct SQLite access to check what reached the file.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "playlist/CSqlitePlaylist.h"
+#include "unit/util/UtilTestSupport.h"
+
+namespace playlisttest {
+
+// Runs sql on its own connection to path; the text of column 0 of the last row ("" if none,
+// "<error>" when the statement fails).
+inline std::string rawQuery(const std::string& path, const std::string& sql) {
+    sqlite3* db = nullptr;
+    std::string out;
+    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) != SQLITE_OK) {
+        sqlite3_close(db);
+        return "<error>";
+    }
+    sqlite3_stmt* stmt = nullptr;
+    const char* tail = sql.c_str();
+    while (*tail) {
+        if (sqlite3_prepare_v2(db, tail, -1, &stmt, &tail) != SQLITE_OK) {
+            out = "<error>";
+            break;
+        }
+        if (!stmt) break;
+        int rc;
+        while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+            const unsigned char* text = sqlite3_column_text(stmt, 0);
+            out = text ? reinterpret_cast<const char*>(text) : "";
+        }
+        if (rc != SQLITE_DONE) out = "<error>";
+        sqlite3_finalize(stmt);
+        stmt = nullptr;
+    }
+    sqlite3_close(db);
+    return out;
+}
+
+class StoreTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_FALSE(m_tmp.path().empty());
+        testutil::makeDirs(m_tmp / "share/Public");
+        m_root = std::make_unique<testutil::RootGuard>(m_tmp.path());
+        m_store = std::make_unique<CSqlitePlaylist>();
+    }
+    void TearDown() override {
+        m_store.reset();
+        m_root.reset();
+    }
+
+    std::string dbPath() const { return m_tmp / "share/.modl/.@Ostrafel/playlist.db"; }
+
+    // A playlist of app type "music" holding c0..c<n-1> at orders 0..n-1.
+    int makeList(const char* title, int n) {
+        EXPECT_EQ(0, m_store->addPlaylist(title, MEDIA_AUDIO_E, "music", "admin", ""));
+        for (int i = 0; i < n; ++i) {
+            std::string content = "c" + std::to_string(i);
+            EXPECT_EQ(0, m_store->addElmInPlaylist(title, MEDIA_AUDIO_E, CONTENT_FILE_E, "music", content.c_str(), -1));
+        }
+        return m_store->getPlaylistID(title, "music");
+    }
+
+    std::vector<playlistElm_s> entries(int id) {
+        std::vector<playlistElm_s> page;
+        EXPECT_EQ(0, m_store->getPlaylistElmsByPage(page, id, 0, 0));
+        return page;
+    }
+    std::vector<std::string> contents(int id) {
+        std::vector<std::string> out;
+        for (const auto& e : entries(id)) out.push_back(e.Content);
+        return out;
+    }
+    // True when the playlist's OrderNr values are exactly 0..n-1 in page order.
+    bool dense(int id) {
+        auto page = entries(id);
+        for (size_t i = 0; i < page.size(); ++i)
+            if (page[i].OrderNr != static_cast<int>(i)) return false;
+        return true;
+    }
+
+    testutil::TempDir m_tmp;
+    std::unique_ptr<testutil::RootGuard> m_root;
+    std::unique_ptr<CSqlitePlaylist> m_store;
+};
+
+}  // namespace playlisttest
