@@ -16,8 +16,18 @@ struct Calls {
 class RecordingPlayer : public CPlayer {
 public:
     RecordingPlayer(const std::string& id, Calls& calls) : CPlayer(0x10000, id, "name-" + id), m_calls(calls) {}
-    void stop(bool force) override {
+    int play() override { return 0; }
+    int stop(bool force) override {
         if (force) ++m_calls.stops;
+        return 0;
+    }
+    int pause() override { return 0; }
+    int next() override { return 0; }
+    int previous() override { return 0; }
+    int seek(const char*) override { return 0; }
+    int setAudioAndSubtitle(const char*, int, int, const char*, const char*, const char*, const char*, const char*,
+                            const char*, int) override {
+        return 0;
     }
     void monitor(bool on) override {
         if (!on) ++m_calls.monitorsOff;

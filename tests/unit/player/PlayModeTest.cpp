@@ -1,0 +1,126 @@
+// Play modes: what each transition does to the queue, the index and the resulting mode, and
+// what a shuffle may and may not change.
+#include <algorithm>
+
+#include "PlayerTestSupport.h"
+
+namespace {
+
+using PlayModeTest = PlayerTest;
+
+bool isPermutation(std::vector<uint64_t> orders) {
+    std::sort(orders.begin(), orders.end());
+    for (size_t i = 0; i < orders.size(); ++i)
+        if (orders[i] != i) return false;
+    return true;
+}
+
+// Puts the player into `mode` the way a client would get there from NORMAL.
+void enterMode(CPlayer& p, playMode_e mode) {
+    if (mode == PLAYMODE_SHUFFLE_REPEAT_ONE_E) {
+        p.setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
+        p.setPlayMode(PLAYMODE_REPEAT_ONE_E, 0, 0);
+    } else {
+        p.setPlayMode(mode, 0, 0);
+    }
+    ASSERT_EQ(p.getPlayMode(), mode);
+}
+
+TEST_F(PlayModeTest, ResultingModeOfEveryTransition) {
+    makePlaylist("list", 5);
+    for (int from = 0; from <= 5; ++from) {
+        for (int to = 0; to <= 5; ++to) {
+            auto p = playerWith("list");
+            enterMode(*p, static_cast<playMode_e>(from));
+            p->setPlayMode(static_cast<playMode_e>(to), 0, 0);
+            // Every request is taken as asked, except REPEAT_ONE from SHUFFLE or SHUFFLE_REPEAT.
+            int expected = to == 4 && (from == 2 || from == 3) ? 5 : to;
+            EXPECT_EQ(p->getPlayMode(), expected) << from << " -> " << to;
+            EXPECT_TRUE(isPermutation(queueOrders(*p))) << from << " -> " << to;
+            EXPECT_TRUE(p->calls.empty()) << "a mode change never touches the device";
+        }
+    }
+}
+
+TEST_F(PlayModeTest, WhichTransitionsShuffleTheQueue) {
+    makePlaylist("list", 60);  // large enough that a shuffle leaving playlist order is practically impossible
+    auto p = playerWith("list");
+
+    p->setPlayMode(PLAYMODE_REPEAT_ONE_E, 0, 0);
+    p->setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
+    EXPECT_EQ(queueOrders(*p), identity(60)) << "REPEAT_ONE -> SHUFFLE keeps playlist order";
+
+    p->setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
+    p->setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
+    auto shuffled = queueOrders(*p);
+    EXPECT_NE(shuffled, identity(60)) << "NORMAL -> SHUFFLE shuffles";
+
+    p->setPlayMode(PLAYMODE_SHUFFLE_REPEAT_E, 0, 0);
+    EXPECT_EQ(queueOrders(*p), shuffled) << "between shuffle modes nothing is reshuffled";
+
+    p->setPlayMode(PLAYMODE_REPEAT_ONE_E, 0, 0);  // becomes SHUFFLE_REPEAT_ONE, still shuffled
+    EXPECT_EQ(queueOrders(*p), shuffled);
+    p->setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
+    EXPECT_NE(queueOrders(*p), shuffled) << "SHUFFLE_REPEAT_ONE -> SHUFFLE reshuffles";
+    EXPECT_TRUE(isPermutation(queueOrders(*p)));
+}
+
+TEST_F(PlayModeTest, LeavingShuffleRestoresPlaylistOrder) {
+    makePlaylist("list", 20);
+    auto p = playerWith("list");
+    p->setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
+    p->setCurrTrackIndex_(7);
+    uint64_t playing = p->getPlayQueue()[7].order;
+    p->setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
+    EXPECT_EQ(queueOrders(*p), identity(20));
+    EXPECT_EQ(p->getCurrTrackIndex(), playing) << "from SHUFFLE the index follows the track being played";
+
+    enterMode(*p, PLAYMODE_SHUFFLE_REPEAT_ONE_E);
+    p->setCurrTrackIndex_(7);
+    p->setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
+    EXPECT_EQ(queueOrders(*p), identity(20));
+    EXPECT_EQ(p->getCurrTrackIndex(), 7u) << "from SHUFFLE_REPEAT_ONE the index stays";
+}
+
+TEST_F(PlayModeTest, ShuffleInvariants) {
+    makePlaylist("list", 12);
+    auto p = playerWith("list");
+    const auto uuids = queueUuids(*p);
+    for (int round = 0; round < 200; ++round) {
+        uint64_t current = static_cast<uint64_t>(round % 12);
+        p->setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
+        p->setCurrTrackIndex_(current);
+        // An upper bound past the queue's end must be harmless.
+        p->setPlayMode(PLAYMODE_SHUFFLE_E, round % 3, round % 2 ? 0 : 40);
+        auto orders = queueOrders(*p);
+        ASSERT_TRUE(isPermutation(orders)) << "round " << round;
+        ASSERT_EQ(orders[current], current) << "the current item never moves";
+        ASSERT_EQ(queueUuids(*p), uuids) << "a shuffle permutes orders only";
+        ASSERT_EQ(p->getCurrTrack(), current);
+    }
+}
+
+TEST_F(PlayModeTest, SingleItemQueueNeverChanges) {
+    makePlaylist("one", 1);
+    auto p = playerWith("one");
+    for (int round = 0; round < 20; ++round) {
+        p->setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
+        p->setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
+        ASSERT_EQ(queueOrders(*p), identity(1));
+    }
+}
+
+TEST(PlayModeTextTest, WordsRoundTripAndUnknownsAreRejected) {
+    for (int m = 0; m <= 5; ++m) {
+        playMode_e parsed = PLAYMODE_NORMAL_E;
+        ASSERT_TRUE(playModeFromText(playModeText(static_cast<playMode_e>(m)), parsed));
+        EXPECT_EQ(parsed, m);
+    }
+    playMode_e untouched = PLAYMODE_REPEAT_E;
+    EXPECT_FALSE(playModeFromText("shuffle", untouched));
+    EXPECT_FALSE(playModeFromText(nullptr, untouched));
+    EXPECT_EQ(untouched, PLAYMODE_REPEAT_E);
+    EXPECT_STREQ(playerStateText(static_cast<playerState_e>(3)), "UNKNOW");
+}
+
+}  // namespace

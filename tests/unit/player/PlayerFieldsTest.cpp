@@ -1,0 +1,86 @@
+// Time texts, mute and status reads racing a back-end thread.
+#include <atomic>
+#include <thread>
+
+#include "PlayerTestSupport.h"
+
+namespace {
+
+TEST(PlayerTimeTest, HhmmssToSecond) {
+    struct Case {
+        const char* text;
+        int seconds;
+    };
+    const Case cases[] = {
+        {"1:2:3", 3723},        {"01:02:05", 3725}, {"00:01", 0},  {"01:30", 3600}, {"90", 0},
+        {"", 0},                {nullptr, 0},       {"0:0:59", 59}, {"2:", 7200},   {"::7", 7},
+        {"99999999999:0:0", INT32_MAX},  // clamped, not overflowed
+    };
+    for (const auto& c : cases) EXPECT_EQ(CPlayer::hhmmssToSecond(c.text), c.seconds) << (c.text ? c.text : "null");
+
+    std::string text;
+    CPlayer::secondToHHMMSS(3599, text);
+    EXPECT_EQ(text, "00:59:59");
+    CPlayer::secondToHHMMSS(3725, text);
+    EXPECT_EQ(text, "01:02:05");
+    CPlayer::secondToHHMMSS(100 * 3600, text);
+    EXPECT_EQ(text, "100:00:00");
+}
+
+TEST(PlayerTimeTest, PositionCountsFromTheSeekOffset) {
+    RecordingPlayer p(playertype::kDlna, nullptr, nullptr);
+    p.setSeekOffset("00:10:00");
+    p.setCurrTime(75);
+    EXPECT_EQ(p.getCurrTimeSecondWithOutSeek(), 75);
+    EXPECT_EQ(p.getCurrTimeSecond(), 675);
+    EXPECT_EQ(p.getCurrTime(), "00:11:15");
+    p.setTotalTime("01:00:00");
+    EXPECT_EQ(p.getTotalTimeSecond(), 3600);
+}
+
+TEST(PlayerMuteTest, UnmuteRestoresTheVolumeRememberedByAnyPlayer) {
+    RecordingPlayer kitchen(playertype::kDlna, nullptr, nullptr);
+    RecordingPlayer hall(playertype::kDlna, nullptr, nullptr);
+    kitchen.volume = 40;
+    EXPECT_FALSE(kitchen.isMute());
+    EXPECT_EQ(kitchen.setMute(true), 0);
+    EXPECT_EQ(kitchen.volume, 0);
+    EXPECT_TRUE(kitchen.isMute());
+
+    hall.volume = 0;  // already silent: nothing new is remembered
+    hall.setMute(true);
+    hall.setMute(false);
+    EXPECT_EQ(hall.volume, 40) << "one remembered volume for the whole process";
+    kitchen.setMute(false);
+    EXPECT_EQ(kitchen.volume, 40);
+
+    RecordingPlayer noVolume(playertype::kDlna, nullptr, nullptr);
+    EXPECT_TRUE(noVolume.isMute()) << "a device without a volume reads as muted";
+}
+
+// Status reads (the manager, under the player lock) race the back-end's reports (its own
+// thread, without that lock); run under the thread sanitizer this must stay silent.
+TEST(PlayerConcurrencyTest, StatusReadsRaceBackendReports) {
+    RecordingPlayer p(playertype::kDlna, nullptr, nullptr);
+    std::atomic<bool> done{false};
+    std::thread backend([&] {
+        for (int i = 0; i < 2000; ++i) {
+            p.setCurrTime(i);
+            p.setTotalTime("00:10:00");
+            p.setPlayerState(i % 2 ? STATE_PLAY_E : STATE_PAUSE_E);
+            p.setSubtitleTrack(i % 3);
+            p.setCurrTrackIndex_(0);
+        }
+        done = true;
+    });
+    size_t malformed = 0;
+    while (!done) {
+        playerStatus_s s;
+        p.getStatus(s);
+        if (s.totalTime.size() != 8) ++malformed;
+    }
+    EXPECT_EQ(malformed, 0u);
+    backend.join();
+}
+
+}  // namespace

@@ -1,0 +1,136 @@
+// Moving between tracks: the automatic advance at a track's end and the client's choices by
+// number, by order and by content.
+#include "PlayerTestSupport.h"
+
+namespace {
+
+using TrackNavigationTest = PlayerTest;
+
+using Calls = std::vector<std::string>;
+
+TEST_F(TrackNavigationTest, AdvancePastTheLastTrackInEveryMode) {
+    struct Case {
+        playMode_e mode;
+        bool more;
+        uint64_t index[2];  // after the first and the second advance
+    };
+    const Case cases[] = {
+        {PLAYMODE_NORMAL_E, false, {3, 3}},     {PLAYMODE_REPEAT_E, true, {0, 1}},
+        {PLAYMODE_SHUFFLE_E, false, {3, 3}},    {PLAYMODE_SHUFFLE_REPEAT_E, true, {0, 1}},
+        {PLAYMODE_REPEAT_ONE_E, true, {3, 3}},  {PLAYMODE_SHUFFLE_REPEAT_ONE_E, true, {3, 3}},
+    };
+    makePlaylist("list", 4);
+    for (const auto& c : cases) {
+        auto p = playerWith("list");
+        p->setPlayMode(c.mode == PLAYMODE_SHUFFLE_REPEAT_ONE_E ? PLAYMODE_SHUFFLE_E : c.mode, 0, 0);
+        if (c.mode == PLAYMODE_SHUFFLE_REPEAT_ONE_E) p->setPlayMode(PLAYMODE_REPEAT_ONE_E, 0, 0);
+        p->setCurrTrackIndex_(3);
+        for (int step = 0; step < 2; ++step) {
+            p->setCurrTime("00:03:10");
+            p->setTotalTime("00:04:00");
+            p->setAudioTrack(2);
+            p->setSubtitleTrack(1);
+            p->setExternalSubtitle("/m/0.srt");
+            EXPECT_EQ(p->changeToNextTrack(), c.more) << playModeText(c.mode);
+            EXPECT_EQ(p->getCurrTrackIndex(), c.index[step]) << playModeText(c.mode) << " step " << step;
+            EXPECT_EQ(p->getCurrTime(), "00:00:00");
+            EXPECT_EQ(p->getTotalTime(), "00:00:00");
+            EXPECT_EQ(p->getAudioTrack(), 0);
+            EXPECT_EQ(p->getSubtitleTrack(), -1);
+            std::string subtitle = "x";
+            p->getExternalSubtitle(subtitle);
+            EXPECT_EQ(subtitle, "");
+        }
+    }
+}
+
+TEST_F(TrackNavigationTest, AdvanceOnAnEmptyQueueChangesNothing) {
+    auto empty = playerWith("no such list");
+    empty->setCurrTime("00:00:09");
+    EXPECT_FALSE(empty->changeToNextTrack());
+    EXPECT_EQ(empty->getCurrTrackIndex(), 0u);
+    EXPECT_EQ(empty->getCurrTime(), "00:00:09");
+}
+
+TEST_F(TrackNavigationTest, SetCurrTrackByNumberAndByOrder) {
+    makePlaylist("list", 6);
+    auto p = playerWith("list");
+    EXPECT_EQ(p->setCurrTrack(6), -1);
+    EXPECT_TRUE(p->takeCalls().empty()) << "a bad number leaves the device alone";
+
+    EXPECT_EQ(p->setCurrTrack(4), 0);
+    EXPECT_EQ(p->getCurrTrackIndex(), 4u);
+    EXPECT_EQ(p->takeCalls(), (Calls{"stop(true)", "play"}));
+
+    // Shuffled: a track number is found at whatever position holds it, by both lookups.
+    p->setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
+    for (unsigned int track = 0; track < 6; ++track) {
+        ASSERT_EQ(p->setCurrTrack(track), 0);
+        EXPECT_EQ(p->getCurrTrack(), track);
+        p->setCurrTrackIndex_(0);
+        ASSERT_EQ(p->setCurrTrackIdByOrder(track), 0);
+        EXPECT_EQ(p->getCurrTrack(), track);
+    }
+    p->takeCalls();
+    uint64_t before = p->getCurrTrackIndex();
+    EXPECT_EQ(p->setCurrTrackIdByOrder(6), -1);
+    EXPECT_EQ(p->getCurrTrackIndex(), before);
+    EXPECT_TRUE(p->calls.empty());
+
+    for (uint32_t type : {playertype::kRaop, playertype::kChromecast, playertype::kLocalHdmi | playertype::kDlna}) {
+        auto soft = playerWith("list", type);
+        ASSERT_EQ(soft->setCurrTrack(1), 0);
+        EXPECT_EQ(soft->takeCalls(), (Calls{"stop(false)", "play"})) << std::hex << type;
+    }
+}
+
+TEST_F(TrackNavigationTest, SetCurrTrackByContent) {
+    makePlaylist("list", 5);
+    auto p = playerWith("list");
+    EXPECT_EQ(p->setCurrTrackByContent("/m/3.mp3"), 0);
+    EXPECT_EQ(p->getCurrTrackIndex(), 3u);
+    EXPECT_EQ(p->takeCalls(), (Calls{"stop(true)", "play"}));
+
+    EXPECT_EQ(p->setCurrTrackByContent("/m/3"), -1) << "contents match exactly";
+    EXPECT_EQ(p->setCurrTrackByContent("/m/9.mp3"), -1);
+    // An entry added after the queue was loaded has no queue item to play.
+    appendEntry("list", 9);
+    EXPECT_EQ(p->setCurrTrackByContent("/m/9.mp3"), -1);
+    EXPECT_EQ(p->getCurrTrackIndex(), 3u);
+    EXPECT_TRUE(p->takeCalls().empty());
+
+    auto none = std::make_unique<RecordingPlayer>(playertype::kDlna, nullptr, nullptr);
+    EXPECT_EQ(none->setCurrTrackByContent("/m/3.mp3"), -1);
+}
+
+TEST_F(TrackNavigationTest, StatusDescribesTheCurrentEntry) {
+    makePlaylist("list", 3);
+    auto p = playerWith("list");
+    p->setCurrTrackIndex_(2);
+    p->setCurrTime("00:00:30");
+    p->setSeekOffset("00:01:00");
+    p->setTotalTime("00:05:00");
+    p->setPlayerState(STATE_PAUSE_E);
+    p->setSubtitleStyle("24", "white", "00:00:01", "utf-8");
+
+    playerStatus_s s;
+    p->getStatus(s);
+    EXPECT_EQ(s.currTrack, 2u);
+    EXPECT_EQ(s.totalTracks, 3u);
+    EXPECT_EQ(s.playerState, STATE_PAUSE_E);
+    EXPECT_EQ(s.owner, "alice");
+    EXPECT_EQ(s.currTime, "00:01:30") << "the position counts from the seek offset";
+    EXPECT_EQ(s.totalTime, "00:05:00");
+    EXPECT_EQ(s.trackType, "audio");
+    EXPECT_EQ(s.trackContentType, "file");
+    EXPECT_EQ(s.trackContent, "/m/2.mp3");
+    EXPECT_EQ(s.scolor, "white");
+
+    auto none = std::make_unique<RecordingPlayer>(playertype::kDlna, nullptr, nullptr);
+    playerStatus_s empty;
+    none->getStatus(empty);
+    EXPECT_EQ(empty.trackType, "unknow");
+    EXPECT_EQ(empty.trackContentType, "unknow");
+}
+
+}  // namespace
