@@ -3,12 +3,26 @@
 #include <cstring>
 
 #include "core/CoreCommands.h"
+#include "core/PlaylistCommands.h"
 
 namespace {
 
 // In the order requests are matched. Commands whose subsystem is not built in yet are absent
 // and answer as unknown.
 const commandEntry_s kCommands[] = {
+    {"GetUpnpObjectID", get_upnp_object_id},
+    {"SizeOfPlaylist", size_of_playlist},
+    {"ListPlaylist", list_playlist},
+    {"SizeOfListContent", size_of_list_contents},
+    {"ListContentOfPlaylist", list_content_of_playlist},
+    {"CreatePlaylist", create_play_list},
+    {"AddContent", add_content},
+    {"DelPlaylist", del_playlist},
+    {"DelContent", del_content},
+    {"BatchAddPlaylist", batch_add_playlist},
+    {"BatchDelPlaylist", batch_del_playlist},
+    {"ReOrderContent", reorder_content},
+    {"DupPlaylist", duplicate_playlist},
     {"CreatePlayer", create_player},
     {"debugDump", debug_dump},
     {"echo", echo},

@@ -25,6 +25,7 @@
 #include "core/util/ProcProbe.h"
 #include "core/util/StackFrame.h"
 #include "player/CPlayerManager.h"
+#include "playlist/CSqlitePlaylist.h"
 
 std::string g_cmdLogPath;
 
@@ -151,6 +152,7 @@ int runDaemon() {
         std::filesystem::create_directories(approot::path("/tmp"), ec);
         CUnixSocketIpc ipc(socketPath.c_str(), true);
         CPlayerManager playerManager;
+        playlistStore();  // open (or create) the playlist database now, not on the first request
         installSignals();
         playerManager.start("manager");
 
@@ -175,6 +177,7 @@ int runDaemon() {
             pool.shutdown();
         }
         playerManager.stopThread();
+        CGlobalsSingleton<CSqlitePlaylist>::reset();
     } catch (const char* what) {
         LOG_ERR("exception: %s", what);
     }

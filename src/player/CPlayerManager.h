@@ -3,7 +3,7 @@
 // locks it and forwards the call. Its own thread retires players whose device went away.
 //
 // Locks, in this order: m_rwLock (collection, reclaim cache, render cache), then a player's
-// lock, then anything inside the player. m_playlistLockMutex guards playlist-wide locking.
+// lock, then anything inside the player (then the playlist store's lock).
 #pragma once
 
 #include <pthread.h>
@@ -62,6 +62,23 @@ public:
     // One housekeeping pass: retires players whose render was not listed four passes running.
     void housekeepingPass();
 
+    // Playlist-wide operations: bring the queues of every player of a playlist up to date after
+    // the playlist changed. Each waits for the players' locks (unlike the forwarding calls).
+    // Marks a playlist as being deleted; while marked, a second mark does nothing.
+    void setDeleting(bool deleting, const char* title, const char* appType);
+    bool isDeleting(const std::string& title, const std::string& appType);
+    void delPlaylist(const char* title, const char* appType);
+    void delItemFromPlayQueue(const char* title, uint64_t uuid);
+    void reorderPlayQueue(const std::string& title, size_t from, size_t to);
+    void updatePlayModeByPlaylist(const char* title, const char* appType);
+    // Appends the entry just added behind the queue's end (and moves it to position when that
+    // is not negative). The caller holds the collection lock, the players' locks and the store's.
+    void addLastItemInPlayQueueWithNoLock(int playlistID, int position);
+    void addLastItemInPlayQueue(const char* title, int position);
+    // Re-reads the queue of every player of the playlist after entries were added or removed.
+    void updateAssociatePlayQueue(int playlistID);
+
+
     // Fatal-signal handler: writes the stack dump and ends the process.
     static void sigactionHandler(int sig, siginfo_t* info, void* context);
 
@@ -72,15 +89,22 @@ protected:
                                                     const std::string& playlistTitle, const std::string& appType);
 
     CPlayer* findCreatedPlayer_(const std::string& renderID) const;
+    // Calls fn(player) for every player whose playlist title is title, holding its lock (waits).
+    // Caller holds the collection lock.
+    template <class Fn>
+    void forEachPlayerOfTitle_(const std::string& title, Fn fn);
+    template <class Fn>
+    void forEachPlayerOfPlaylistID_(int64_t playlistID, Fn fn);
     void retirePlayer_(size_t index);
 
     std::vector<std::unique_ptr<CPlayer>> m_playerCollection;
     std::vector<std::unique_ptr<CPlayer>> m_playerReclaimCacheVec;
     std::map<std::string, renderCacheInfo_s> m_renderCache;
-    pthread_mutex_t m_playlistLockMutex;
     pthread_rwlock_t m_rwLock;
 
-    // Set while a playlist is being deleted, with its title and app type.
+    // Set while a playlist is being deleted, with its title and app type; guarded by
+    // m_deletingMutex.
+    pthread_mutex_t m_deletingMutex;
     bool m_bDeleting = false;
     std::string m_deletingTitle;
     std::string m_deletingAppType;

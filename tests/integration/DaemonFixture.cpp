@@ -76,9 +76,9 @@ std::string Daemon::log() const {
     return ss.str();
 }
 
-bool Daemon::waitForLog(const std::string& text, int timeoutMs) const {
+bool Daemon::waitForLog(const std::string& text, int timeoutMs, size_t after) const {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (log().find(text) == std::string::npos) {
+    while (log().find(text, after) == std::string::npos) {
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }

@@ -38,7 +38,8 @@ public:
     // Everything the daemon wrote to stderr so far.
     std::string log() const;
     // Waits until the log holds text (lines written after the answer come a moment later).
-    bool waitForLog(const std::string& text, int timeoutMs = 5000) const;
+    // Only text written after the first `after` bytes of the log counts.
+    bool waitForLog(const std::string& text, int timeoutMs = 5000, size_t after = 0) const;
 
     vclient::Answer request(const std::string& command, const vclient::Params& params = {});
     vclient::Exchange raw(const std::string& requestText);

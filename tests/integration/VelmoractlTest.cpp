@@ -40,6 +40,34 @@ TEST(VelmoractlTest, PrintsFieldsAndExitsByStatus) {
     EXPECT_EQ(daemon.stop(), 0);
 }
 
+TEST(VelmoractlTest, AddFilesSendsOneBatchWithProgress) {
+    SimRoot root;
+    Daemon daemon(root.path());
+    ASSERT_TRUE(daemon.waitReady()) << daemon.log();
+
+    std::vector<std::string> args{"--root", root.path(), "add-files", "Many", "music"};
+    for (int i = 0; i < 1500; ++i) args.push_back("/share/Public/Music/track " + std::to_string(i) + (i % 2 ? ".flac" : ".mp4"));
+    ProcessResult r = ctl(args);
+    EXPECT_EQ(r.exitStatus, 0) << r.output;
+    EXPECT_NE(r.output.find("prepared 1500 of 1500 items"), std::string::npos) << r.output;
+
+    vclient::Answer size = daemon.request("SizeOfListContent", {{"playlist", "Many"}, {"appType", "music"}});
+    EXPECT_STREQ(size.doc.getChildNode("size").getText(), "1500");
+    vclient::Answer first = daemon.request("ListContentOfPlaylist", {{"playlist", "Many"}, {"appType", "music"},
+                                                                     {"start", "0"}, {"count", "2"}});
+    EXPECT_STREQ(first.doc.getChildNode("item", 0).getChildNode("mediaType").getText(), "video");
+    EXPECT_STREQ(first.doc.getChildNode("item", 1).getChildNode("mediaType").getText(), "audio");
+    // One request carried them all.
+    ASSERT_TRUE(daemon.waitForLog("Command:BatchAddPlaylist  --dev:N/A(done)"));
+    std::string log = daemon.log();
+    size_t n = 0;
+    for (size_t at = log.find("Command:BatchAddPlaylist  "); at != std::string::npos;
+         at = log.find("Command:BatchAddPlaylist  ", at + 1))
+        ++n;
+    EXPECT_EQ(n, 2u);  // the command line and its (done) line
+    EXPECT_EQ(daemon.stop(), 0);
+}
+
 TEST(VelmoractlTest, UnreachableDaemonSaysHowToStartIt) {
     SimRoot root;
     ProcessResult r = ctl({"--root", root.path(), "echo"});
