@@ -1,13 +1,16 @@
-"""Checks of the simulated appliance: make-root and the yarrow INI reader.
+"""Checks of the simulated appliance: make-root, the yarrow INI reader, the media
+agent and the media library's tools.
 
 Run from sim/:  python3 -m unittest test_sim
 """
 
 import json
 import os
+import shutil
 import subprocess
 import tempfile
 import unittest
+import xml.etree.ElementTree as ET
 from concurrent.futures import ThreadPoolExecutor
 
 SIM_DIR = os.path.dirname(os.path.abspath(__file__))
@@ -119,6 +122,77 @@ class CallsLogTest(SimRootTest):
         self.assertEqual(got, list(range(24)))
 
 
+class MediaAgentTest(SimRootTest):
+    def run_fake(self, rel, *args):
+        p = subprocess.run([os.path.join(self.root, rel), *args], capture_output=True, text=True)
+        return p.returncode, p.stdout
+
+    def agent(self, *args):
+        code, out = self.run_fake("usr/bin/tessaly", *args)
+        self.assertEqual(code, 0)
+        return ET.fromstring(out)
+
+    def test_file_paths_and_slices(self):
+        root = self.agent("-c", "getFilePath", "--objectID", "mu_105")
+        self.assertEqual(root.findtext("filePath"), self.root + "/share/Public/Music/01 Morning.mp3")
+        self.assertEqual((root.findtext("startTime"), root.findtext("duration")), ("1", "1"))
+        root = self.agent("-c", "getFilePath", "--objectID", "mu_101")
+        self.assertIsNone(root.find("startTime"))
+        odd = self.root + "/share/Public/Music/04 $(echo pwned).mp3"
+        self.assertEqual(self.agent("-c", "getObjectID", "--filePath", odd).findtext("objectID"), "mu_104")
+
+    def test_content_urls(self):
+        root = self.agent("-c", "getContentUrl", "--objectID", "vi_201", "--clientType", "DLNA", "--interface", "eth0")
+        self.assertEqual(root.findtext("url"), "http://127.0.0.1:8200/media/vi_201.mp4")
+        path = self.root + "/share/Public/Music/02 Rain & Thunder.mp3"
+        self.assertEqual(self.agent("-c", "getContentUrl", "--filePath", path).findtext("url"),
+                         "http://127.0.0.1:8200/media/mu_102.mp3")
+
+    def test_unknown_ids_fail(self):
+        for args in (["-c", "getContentUrl", "--objectID", "nope"],
+                     ["-c", "getFilePath", "--objectID", "nope"],
+                     ["-c", "browse", "--objectID", "nope", "--browseFlag", "BrowseMetadata"],
+                     ["-c", "browse", "--objectID", "mu_101", "--browseFlag", "BrowseDirectChildren"],
+                     ["-c", "getExternalSubtitle", "--objectID", "nope"]):
+            with self.subTest(args=args):
+                self.assertEqual(self.agent(*args).findtext("status"), "fail")
+
+    def test_tracks_are_elements(self):
+        def tracks(command, response, element, field="TrackLang"):
+            # The prefix is undeclared XML-wise; the daemon's parser takes it as part of the name.
+            _, out = self.run_fake("usr/bin/tessaly", "-c", command, "--objectID", "vi_201")
+            root = ET.fromstring(out.replace("u:", "u_"))
+            return [t.findtext(field) for t in root.findall("%s/Result/DIDL-Lite/%s" % (response, element))]
+        self.assertEqual(tracks("getAudioTrack", "u_GetAudioTrackResponse", "AudioTrack"), ["eng", "fra"])
+        self.assertEqual(tracks("getSubtitle", "u_GetSubtitleTrackResponse", "SubtitleTrack"), ["eng", "fra"])
+        ext = ("getExternalSubtitle", "u_GetExternalSubtitleResponse", "ExternalSubtitleTrack")
+        self.assertEqual(tracks(*ext, field="Automatic"), ["0", "1"])
+        paths = tracks(*ext, field="TrackPath")
+        self.assertEqual(paths[1], self.root + "/share/Public/Video/holiday.srt")
+        self.assertTrue(all(os.path.isfile(p) for p in paths))
+
+    def test_ardith_measures_the_real_media(self):
+        music = self.root + "/share/Public/Music/03 L'été <live>.mp3"
+        ardith = "usr/local/medialibrary/bin/ardith"
+        self.assertEqual(self.run_fake(ardith, "getDuration", "--filePath", music), (0, "00:00:03\n"))
+        video = self.root + "/share/Public/Video/holiday.mp4"
+        self.assertEqual(self.run_fake(ardith, "getDuration", "--filePath", video), (0, "00:00:05\n"))
+        self.assertEqual(self.run_fake(ardith, "getDuration", "--filePath", self.root + "/nope.mp3"), (1, ""))
+        self.assertEqual(self.run_fake(ardith, "getDuration")[0], 1)
+
+    def test_history_and_shares(self):
+        ebonry = "usr/local/medialibrary/bin/ebonry"
+        args = ["savePlayHistory", "/a b.mp3", "-p", "12", "-m", "1", "-s", "30", "-o", "0"]
+        self.assertEqual(self.run_fake(ebonry, *args), (0, ""))
+        self.assertEqual(self.run_fake(ebonry, "savePlayHistory", "-p", "soon")[0], 1)
+        with open(os.path.join(self.root, "var/sim/history.log")) as f:
+            self.assertEqual(json.loads(f.read().splitlines()[-1]), args[1:])
+        code, out = self.run_fake("sbin/pimbrel", "-sv", "-a", "admin")
+        self.assertEqual(code, 0)
+        self.assertIn("Public\t%s/share/Public\n" % self.root, out)
+        self.assertEqual(self.run_fake("sbin/pimbrel", "-x")[0], 1)
+
+
 class MakeRootTest(unittest.TestCase):
     def test_rerun_keeps_edits_and_force_restores(self):
         with tempfile.TemporaryDirectory() as tmp:
@@ -138,6 +212,20 @@ class MakeRootTest(unittest.TestCase):
             with open(os.path.join(root, "var/sim/calls.log")) as f:
                 self.assertEqual(f.read(), "kept\n")
             self.assertTrue(os.access(os.path.join(root, "sbin/yarrow"), os.X_OK))
+
+    @unittest.skipUnless(shutil.which("ffmpeg"), "ffmpeg not installed")
+    def test_media_are_made_once_and_placeholders_replaced(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            root = os.path.join(tmp, "r")
+            subprocess.run([MAKE_ROOT, root], check=True)
+            video = os.path.join(root, "share/Public/Video/holiday.mp4")
+            music = os.path.join(root, "share/Public/Music/01 Morning.mp3")
+            made = os.stat(video).st_mtime_ns
+            with open(music, "wb") as f:
+                f.write(b"simulated media\n")
+            subprocess.run([MAKE_ROOT, root], check=True)
+            self.assertEqual(os.stat(video).st_mtime_ns, made)
+            self.assertGreater(os.path.getsize(music), 1000)
 
 
 if __name__ == "__main__":

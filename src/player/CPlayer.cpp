@@ -446,11 +446,6 @@ void CPlayer::setTotalTime(const std::string& hhmmss) {
     m_totalTime = hhmmss;
 }
 
-void CPlayer::setTotalTime(const playlistElm_s&) {
-    std::lock_guard lock(m_liveMutex);
-    m_totalTime = "00:00:00";
-}
-
 std::string CPlayer::getSeekOffset() const {
     std::lock_guard lock(m_liveMutex);
     return m_seekOffset;

@@ -145,6 +145,55 @@ public:
     std::string getSseek() const;
     std::string getSencoding() const;
 
+    // Content resolution (CPlayerContent.cpp). Each call runs one appliance program, the media
+    // agent unless said otherwise, and returns 0, or -1 with a log line and its outputs untouched
+    // when the program cannot run or times out, or its answer lacks the wanted element. Ids and
+    // paths travel as single arguments, raw: never shell-escaped or quoted.
+    static int dbIDToUpnpObjectID(const std::string& dbID, int mediaType, std::string& objectID);
+    static int upnpObjectToFilePath(const std::string& objectID, std::string& filePath);
+    // Also where the track starts in its file and how long it lasts, in seconds, for a track that
+    // is a slice of a larger file; both -1 for a whole file.
+    static int upnpObjectToFilePath(const std::string& objectID, std::string& filePath, int& startTime,
+                                    int& duration);
+    // Library id -> object id -> file path.
+    static int dbIDToFilePath(const std::string& dbID, int mediaType, std::string& filePath, int& startTime,
+                              int& duration);
+    static int filePathToObjectID(const std::string& filePath, std::string& objectID);
+    // clientType and netInterface: null or empty leaves the option out.
+    static int upnpObjectToUrl(const std::string& objectID, std::string& url, const char* clientType = nullptr,
+                               const char* netInterface = nullptr);
+    static int filePathToUrl(const std::string& filePath, std::string& url, const char* clientType = nullptr,
+                             const char* netInterface = nullptr);
+    // The agent's whole metadata answer (a DIDL-Lite document), for the caller to parse.
+    // startingIndex and requestedCount of -1 leave the option out.
+    static int browseByUpnpObjectID(const std::string& objectID, std::string& out, const char* clientType = nullptr,
+                                    int startingIndex = -1, int requestedCount = -1,
+                                    const char* netInterface = nullptr);
+    static int browseByDbID(const std::string& dbID, int mediaType, std::string& out,
+                            const char* clientType = nullptr, int startingIndex = -1, int requestedCount = -1,
+                            const char* netInterface = nullptr);
+    static int browseByFilePath(const std::string& filePath, std::string& out, const char* clientType = nullptr,
+                                int startingIndex = -1, int requestedCount = -1, const char* netInterface = nullptr);
+    // The numeric user id of an appliance user (/usr/bin/id -u).
+    static int getUserId(const std::string& owner, std::string& uid);
+    // "Share/dir/file.srt" (a leading '/' allowed) -> the file's absolute path inside that share,
+    // from the administrator's share list (/sbin/pimbrel -sv -a admin: "NAME<TAB>PATH" lines).
+    // -1 for an unknown share or a path that climbs out of it with "..".
+    static int convertFullSubtitle(const std::string& sharePath, std::string& fullPath);
+    // The file's absolute path with every link resolved; -1 when it does not resolve or is not a
+    // regular file.
+    static int getRealFilePath(const char* path, std::string& realPath);
+
+    // Records the current track's position in the owner's play history (ebonry savePlayHistory).
+    // A file or object entry sends: PATH -p POSITION -m 1 -s TOTAL -o UID; a library-id entry:
+    // -p POSITION -m 1 -e DBID -a MEDIATYPE -x UID (seconds; UID of the playlist's owner).
+    // Nothing is sent, and 0 returned, while the position is 0.
+    int savePlayHistory();
+    // Asks the agent for the entry's external subtitle files and keeps the first one the server
+    // marks automatic as the auto-plug subtitle (its path; subtitle encoding UTF-8). The previous
+    // choice is cleared first; -1 when there is none, or for a file entry (no object id).
+    int findAutoPlugSubtitle(const playlistElm_s& entry);
+
     // A random number in [0, 2 * 10^9), never negative.
     static int get_random();
     // A fresh transaction id for the device protocol.
