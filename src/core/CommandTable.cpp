@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "core/CoreCommands.h"
+#include "core/PlayerCommands.h"
 #include "core/PlaylistCommands.h"
 
 namespace {
@@ -23,7 +24,26 @@ const commandEntry_s kCommands[] = {
     {"BatchDelPlaylist", batch_del_playlist},
     {"ReOrderContent", reorder_content},
     {"DupPlaylist", duplicate_playlist},
+    {"ListPlayer", list_player},
+    {"Play", play},
+    {"Pause", pause},
+    {"Stop", stop},
+    {"Seek", seek},
+    {"Next", next},
+    {"Previous", previous},
+    {"SetTrack", set_track},
+    {"SetTrackByContent", set_track_by_content},
+    {"GetPlayerStatus", get_player_status},
+    {"SetSlideShowDelay", set_slide_show_delay},
+    {"GetVolume", get_volume},
+    {"SetVolume", set_volume},
+    {"GetMute", get_mute},
+    {"SetMute", set_mute},
     {"CreatePlayer", create_player},
+    {"SetPlaylist", set_playlist},
+    {"SetPlayMode", set_play_mode},
+    {"SetAudioAndSubtitle", setAudioSubtitleTrack},
+    {"SetAttributes", set_player_attrs},
     {"debugDump", debug_dump},
     {"echo", echo},
 };

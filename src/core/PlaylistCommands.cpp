@@ -13,12 +13,14 @@
 #include <string>
 #include <vector>
 
+#include "core/RequestParams.h"
 #include "core/ResultCodes.h"
 #include "core/util/AppRoot.h"
 #include "core/util/Log.h"
 #include "core/util/PathUtil.h"
 #include "core/util/Process.h"
 #include "discovery/ParamXmlWrapper.h"
+#include "player/CPlayer.h"
 #include "player/CPlayerManager.h"
 #include "playlist/CSqlitePlaylist.h"
 
@@ -28,34 +30,17 @@ constexpr const char* kDupFile = "/tmp/.dupPlaylist.list";
 constexpr const char* kMediaAgent = "/usr/bin/tessaly";
 constexpr int kMediaAgentTimeoutSec = 10;
 
-// The text of a required parameter, or null (missing or empty).
-const char* param(XMLNode& request, const char* name) {
-    XMLNode node;
-    if (ParamXmlWrapper::get_param_node_with_check_text(request, node, name) != 0) return nullptr;
-    return node.getText();
-}
+using reqparam::toInt;
 
-// Reads a decimal number the way the protocol always has (leading digits count; junk after
-// them is ignored), clamped to int.
-int toInt(const char* text, int fallback = 0) {
-    if (!text) return fallback;
-    errno = 0;
-    long v = std::strtol(text, nullptr, 10);
-    if (v > INT_MAX) return INT_MAX;
-    if (v < INT_MIN) return INT_MIN;
-    return static_cast<int>(v);
-}
+const char* param(XMLNode& request, const char* name) { return reqparam::text(request, name); }
 
 uint64_t toUuid(const char* text) { return text ? std::strtoull(text, nullptr, 10) : 0; }
 
 std::string decimal(long long v) { return std::to_string(v); }
 
-void answerOk(XMLNode& answer) { ParamXmlWrapper::create_status_xml_doc(answer, "0", nullptr); }
+void answerOk(XMLNode& answer) { reqparam::ok(answer); }
 
-int missingParameter() {
-    LOG_ERR("PARAMTER NOT FOUNT");
-    return result::kMissingParameter;
-}
+int missingParameter() { return reqparam::missing(); }
 
 // Words written in answers.
 const char* mediaWordForCreate(int type) {
@@ -111,7 +96,7 @@ int get_upnp_object_id(CPlayerManager&, XMLNode& request, XMLNode& answer) {
     if (!filePath) return missingParameter();
 
     std::string realPath;
-    if (get_real_path(filePath, realPath) != 0 || !is_file_exist(realPath.c_str())) {
+    if (CPlayer::getRealFilePath(filePath, realPath) != 0) {
         LOG_ERR("%s not exist", filePath);
         return result::kNotFound;
     }

@@ -10,6 +10,12 @@
 #include "core/util/StackFrame.h"
 #include "player/ThreadLock.h"
 #include "playlist/CSqlitePlaylist.h"
+#include "core/util/AppRoot.h"
+#include "core/util/Process.h"
+#include "player/PlayerTypes.h"
+#include "render/MpdAttr.h"
+
+#include <thread>
 
 CPlayerManager::CPlayerManager(int passSeconds) : CThread(THREAD_JOINABLE_E), m_passSeconds(passSeconds) {
     mutexInit(m_deletingMutex, MUTEX_NORMAL_E);
@@ -134,6 +140,7 @@ CPlayer* CPlayerManager::addPlayer_(int& result, const std::string& renderID, co
         {
             ThreadSingleLock playerLock(player->getLock());
             player->setIP("");  // the revived player learns its address at the next listing
+            if (!playlistTitle.empty() && !appType.empty()) player->setPlaylist(playlistTitle, appType);
         }
         m_playerCollection.push_back(std::move(*it));
         m_playerReclaimCacheVec.erase(it);
@@ -197,7 +204,7 @@ std::atomic_flag g_fatalSignalTaken = ATOMIC_FLAG_INIT;
 }
 
 void CPlayerManager::sigactionHandler(int sig, siginfo_t* info, void*) {
-    while (g_fatalSignalTaken.test_and_set()) pause();
+    while (g_fatalSignalTaken.test_and_set()) ::pause();
     int pid = info ? static_cast<int>(info->si_pid) : 0;
     char text[64];
     // snprintf is not formally async-signal-safe but does not allocate for integers.
@@ -361,4 +368,228 @@ void CPlayerManager::updateAssociatePlayQueue(int playlistID) {
             player.addItemToPlayQueue(item);
         }
     });
+}
+
+namespace {
+std::atomic<int> g_settleAfterCreateMs{3000};
+std::atomic<int> g_settleAfterHdmiStopMs{1000};
+
+void settle(const std::atomic<int>& ms) {
+    int value = ms.load();
+    if (value > 0) std::this_thread::sleep_for(std::chrono::milliseconds(value));
+}
+}  // namespace
+
+void CPlayerManager::setSettleDelays(std::chrono::milliseconds afterCreate, std::chrono::milliseconds afterHdmiStop) {
+    g_settleAfterCreateMs = static_cast<int>(afterCreate.count());
+    g_settleAfterHdmiStopMs = static_cast<int>(afterHdmiStop.count());
+}
+
+template <class Fn>
+int CPlayerManager::forward_(const char* renderID, Fn fn) {
+    if (!renderID) return -4;
+    try {
+        ThreadReadLock collectionLock(m_rwLock);
+        CPlayer* player = findCreatedPlayer_(renderID);
+        if (!player) return -4;
+        ThreadSingleTryLock playerLock(player->getLock());
+        return fn(*player);
+    } catch (...) {
+        // A busy player (the try-lock throws) or a failing back-end.
+        return -19;
+    }
+}
+
+int CPlayerManager::play(const char* renderID, unsigned int) {
+    return forward_(renderID, [](CPlayer& p) { return p.play(); });
+}
+int CPlayerManager::pause(const char* renderID) {
+    return forward_(renderID, [](CPlayer& p) { return p.pause(); });
+}
+int CPlayerManager::stop(const char* renderID) {
+    return forward_(renderID, [](CPlayer& p) { return p.stop(true); });
+}
+int CPlayerManager::next(const char* renderID) {
+    return forward_(renderID, [](CPlayer& p) { return p.next(); });
+}
+int CPlayerManager::previous(const char* renderID) {
+    return forward_(renderID, [](CPlayer& p) { return p.previous(); });
+}
+int CPlayerManager::seek(const char* renderID, const char* hhmmss) {
+    return forward_(renderID, [&](CPlayer& p) { return p.seek(hhmmss); });
+}
+int CPlayerManager::setAudioAndSubtitle(const char* renderID, const char* externalSubtitle, int audioTrack,
+                                        int subtitleTrack, const char* position, const char* sseek, const char* ssize,
+                                        const char* scolor, const char* sencoding, const char* realSubtitlePath,
+                                        int autoSubtitle) {
+    return forward_(renderID, [&](CPlayer& p) {
+        return p.setAudioAndSubtitle(externalSubtitle, audioTrack, subtitleTrack, position, sseek, ssize, scolor,
+                                     sencoding, realSubtitlePath, autoSubtitle);
+    });
+}
+int CPlayerManager::setTrack(const char* renderID, unsigned int track) {
+    return forward_(renderID, [&](CPlayer& p) { return p.setCurrTrack(track); });
+}
+int CPlayerManager::setTrackByContent(const char* renderID, const char* content) {
+    return forward_(renderID, [&](CPlayer& p) { return p.setCurrTrackByContent(content); });
+}
+int CPlayerManager::setSlideShowDelay(const char* renderID, int seconds) {
+    return forward_(renderID, [&](CPlayer& p) {
+        p.setSlideShowDelay(seconds);
+        return 0;
+    });
+}
+int CPlayerManager::getVolume(const char* renderID) {
+    return forward_(renderID, [](CPlayer& p) { return p.getVolume(); });
+}
+int CPlayerManager::setVolume(const char* renderID, int volume) {
+    return forward_(renderID, [&](CPlayer& p) { return p.setVolume(volume); });
+}
+int CPlayerManager::isMute(const char* renderID) {
+    return forward_(renderID, [](CPlayer& p) { return p.isMute() ? 1 : 0; });
+}
+int CPlayerManager::setMute(const char* renderID, bool on) {
+    return forward_(renderID, [&](CPlayer& p) { return p.setMute(on); });
+}
+int CPlayerManager::setPlayMode(const char* renderID, playMode_e mode) {
+    return forward_(renderID, [&](CPlayer& p) {
+        p.setPlayMode(mode, 0, 0);
+        return 0;
+    });
+}
+int CPlayerManager::getPlayerStatus(const char* renderID, playerStatus_s& status) {
+    return forward_(renderID, [&](CPlayer& p) {
+        p.getStatus(status);
+        return 0;
+    });
+}
+
+void CPlayerManager::stopLocalHdmiPlayers_(CPlayer* except) {
+    for (const auto& player : m_playerCollection) {
+        if (!(player->getPlayerType() & playertype::kLocalHdmi)) continue;
+        if (player.get() == except) {
+            player->stop(true);  // its lock is held by the caller
+            continue;
+        }
+        // Try only: two requests for two such players must not wait for each other.
+        if (pthread_mutex_trylock(&player->getLock()) != 0) {
+            LOG_WARN("local HDMI player %s is busy; not stopped", player->getRenderID().c_str());
+            continue;
+        }
+        player->stop(true);
+        pthread_mutex_unlock(&player->getLock());
+    }
+}
+
+int CPlayerManager::setPlaylist(const char* renderID, const char* playlistTitle, const char* appType) {
+    if (!renderID) return -4;
+    bool created = false;
+    int result = -4;
+    try {
+        {
+            ThreadReadLock collectionLock(m_rwLock);
+            if (CPlayer* player = findCreatedPlayer_(renderID)) {
+                ThreadSingleTryLock playerLock(player->getLock());
+                if (player->getPlayerType() & playertype::kLocalHdmi) {
+                    stopLocalHdmiPlayers_(player);
+                    settle(g_settleAfterHdmiStopMs);
+                }
+                if (playlistTitle && appType) player->setPlaylist(playlistTitle, appType);
+                return 0;
+            }
+        }
+        // No player yet: creating one changes the collection, so under the write lock.
+        ThreadWriteLock collectionLock(m_rwLock);
+        if (findCreatedPlayer_(renderID)) return -19;  // another request created it meanwhile
+        if (std::strncmp(renderID, "TAVRIN", 6) == 0) {
+            stopLocalHdmiPlayers_(nullptr);
+            settle(g_settleAfterHdmiStopMs);
+        }
+        if (!addPlayer_(result, renderID, playlistTitle ? playlistTitle : "", appType ? appType : "")) {
+            LOG_ERR("addPlayer() ... fail");
+            return result;
+        }
+        created = true;
+    } catch (...) {
+        return -19;
+    }
+    if (created) settle(g_settleAfterCreateMs);
+    return result;
+}
+
+int CPlayerManager::setPlayerAttributes(const char* renderID, const char* attributes) {
+    if (!renderID) return -1;
+    try {
+        ThreadReadLock collectionLock(m_rwLock);
+        if (CPlayer* player = findCreatedPlayer_(renderID)) {
+            ThreadSingleTryLock playerLock(player->getLock());
+            return player->setAttributes(attributes);
+        }
+        renderCacheInfo_s render;
+        if (searchRenderInCache_(renderID, render) != 0) return -1;
+        int sampleRate = -2, dsd = -2;
+        ParseMpdAttr(attributes, &sampleRate, &dsd);
+        if (sampleRate == -2 && dsd == -2) return 0;
+        // The shared MPD instance drives every local output that has no player of its own.
+        ProcessOptions opts;
+        opts.timeoutMs = 10000;
+        opts.capture = ProcessOptions::Capture::None;
+        runProcess({approot::path("/tmp/larkd/bin/mpc"), "-p", "8893", "setoutputattr", render.name,
+                    std::to_string(dsd), std::to_string(sampleRate)},
+                   opts);
+        return 0;
+    } catch (...) {
+        return -19;
+    }
+}
+
+void CPlayerManager::removePlayer_(const std::string& renderID) {
+    for (size_t i = 0; i < m_playerCollection.size(); ++i) {
+        if (m_playerCollection[i]->getRenderID() != renderID) continue;
+        m_playerCollection[i]->stop(true);
+        retirePlayer_(i);
+        return;
+    }
+}
+
+void CPlayerManager::invalidPlayerCollection_() {
+    std::vector<std::string> gone;
+    for (const auto& player : m_playerCollection)
+        if (!player->isPlayerExist()) gone.push_back(player->getRenderID());
+    for (const std::string& id : gone) {
+        LOG_REMOVE("Remove %s ", id.c_str());
+        removePlayer_(id);
+    }
+}
+
+void CPlayerManager::invalidPlayerCollection() {
+    // Only when nobody else uses the collection: the listing must not wait behind a busy player.
+    if (pthread_rwlock_trywrlock(&m_rwLock) != 0) return;
+    try {
+        invalidPlayerCollection_();
+    } catch (...) {
+        LOG_REMOVE("invalidPlayerCollection ... err");
+    }
+    pthread_rwlock_unlock(&m_rwLock);
+}
+
+bool CPlayerManager::getPlayerRenderID(unsigned int index, std::string& out) {
+    ThreadReadLock collectionLock(m_rwLock);
+    if (index >= m_playerCollection.size()) return false;
+    out = m_playerCollection[index]->getRenderID();
+    return true;
+}
+
+bool CPlayerManager::getPlayerDeviceName(unsigned int index, std::string& out) {
+    ThreadReadLock collectionLock(m_rwLock);
+    if (index >= m_playerCollection.size()) return false;
+    out = m_playerCollection[index]->getDeviceName();
+    return true;
+}
+
+uint32_t CPlayerManager::getPlayerType(const char* renderID) {
+    if (!renderID) return 0;
+    ThreadReadLock collectionLock(m_rwLock);
+    CPlayer* player = findCreatedPlayer_(renderID);
+    return player ? player->getPlayerType() : 0;
 }

@@ -10,6 +10,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -55,7 +56,46 @@ public:
     CPlayer* addPlayer_(int& result, const std::string& renderID, const std::string& playlistTitle,
                         const std::string& appType);
 
+    // Forwarding: each finds the player of renderID under the collection read lock and calls it
+    // under a try of its lock. Result: the player's, -4 without such a player, -19 when the
+    // player is busy (a command never waits behind a busy back-end).
+    int play(const char* renderID, unsigned int track);
+    int pause(const char* renderID);
+    int stop(const char* renderID);
+    int next(const char* renderID);
+    int previous(const char* renderID);
+    int seek(const char* renderID, const char* hhmmss);
+    int setAudioAndSubtitle(const char* renderID, const char* externalSubtitle, int audioTrack, int subtitleTrack,
+                            const char* position, const char* sseek, const char* ssize, const char* scolor,
+                            const char* sencoding, const char* realSubtitlePath, int autoSubtitle);
+    int setTrack(const char* renderID, unsigned int track);
+    int setTrackByContent(const char* renderID, const char* content);
+    int setSlideShowDelay(const char* renderID, int seconds);
+    int getVolume(const char* renderID);
+    int setVolume(const char* renderID, int volume);
+    int isMute(const char* renderID);
+    int setMute(const char* renderID, bool on);
+    int setPlayMode(const char* renderID, playMode_e mode);
+    int getPlayerStatus(const char* renderID, playerStatus_s& status);
+
+    // Sets a playlist on the player of renderID, creating the player for a listed render first.
+    // 0, -4 (no such render or no back-end for it) or -19 (busy).
+    int setPlaylist(const char* renderID, const char* playlistTitle, const char* appType);
+    // Output attributes ("SAMPLERATE=...,DSDPASS=..."): on the player, or straight to the local
+    // output of a listed render without one. -1 when the render is not listed.
+    int setPlayerAttributes(const char* renderID, const char* attributes);
+    // Retires players whose device reports itself gone. Returns at once when the collection is busy.
+    void invalidPlayerCollection();
+
     size_t getNumOfPlayer();
+    // Copies of the identity of the player at index; false past the end.
+    bool getPlayerRenderID(unsigned int index, std::string& out);
+    bool getPlayerDeviceName(unsigned int index, std::string& out);
+    uint32_t getPlayerType(const char* renderID);
+
+    // Pauses after creating a player (its back-end settles) and after stopping the local HDMI
+    // players; tests shorten them.
+    static void setSettleDelays(std::chrono::milliseconds afterCreate, std::chrono::milliseconds afterHdmiStop);
     // Fills out with <root><debug>text</debug></root>. 0, or -4 without such a player.
     int getDebugInfo(const char* renderID, XMLNode& out);
 
@@ -89,6 +129,12 @@ protected:
                                                     const std::string& playlistTitle, const std::string& appType);
 
     CPlayer* findCreatedPlayer_(const std::string& renderID) const;
+    // Runs fn(player) for the player of renderID under the read lock and the player's try-lock.
+    template <class Fn>
+    int forward_(const char* renderID, Fn fn);
+    void removePlayer_(const std::string& renderID);
+    void invalidPlayerCollection_();
+    void stopLocalHdmiPlayers_(CPlayer* except);
     // Calls fn(player) for every player whose playlist title is title, holding its lock (waits).
     // Caller holds the collection lock.
     template <class Fn>

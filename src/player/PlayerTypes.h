@@ -16,4 +16,5 @@ inline constexpr uint32_t kLocalHdmi = 0x200000;  // the local HDMI player: one 
 
 inline constexpr uint32_t kCapVideo = 0x1;
 inline constexpr uint32_t kCapAudio = 0x2;
+inline constexpr uint32_t kCapPhoto = 0x4;
 }  // namespace playertype
