@@ -52,6 +52,12 @@ void ConnectionPool::reapFinishedLocked(std::list<Worker>& finished) {
 }
 
 void ConnectionPool::workerLoop(Worker* self) {
+    // Leaving is decided and recorded under one holding of the lock, so that threads timing
+    // out together can never all leave: the last one always stays.
+    auto leaveLocked = [&] {
+        --m_live;
+        self->done = true;
+    };
     for (;;) {
         int fd = m_accept();
         int err = errno;
@@ -60,19 +66,21 @@ void ConnectionPool::workerLoop(Worker* self) {
         {
             std::lock_guard lock(m_mutex);
             --m_accepting;
-            if (fd < 0) {
-                if (m_bStopping) break;
-                if (err == EAGAIN || err == EWOULDBLOCK) {
-                    // Idle for the whole time-out: end unless this is the last thread.
-                    if (m_live > 1) break;
-                    ++m_accepting;
-                    continue;
+            if (m_bStopping) {
+                if (fd >= 0) ::close(fd);
+                leaveLocked();
+                return;
+            }
+            if (fd < 0 && (err == EAGAIN || err == EWOULDBLOCK)) {
+                // Idle for the whole time-out: end unless this is the last thread.
+                if (m_live > 1) {
+                    leaveLocked();
+                    return;
                 }
-            } else {
-                if (m_bStopping) {
-                    ::close(fd);
-                    break;
-                }
+                ++m_accepting;
+                continue;
+            }
+            if (fd >= 0) {
                 m_serving.insert(fd);
                 // Keep one thread waiting in accept() while there is room for more.
                 if (m_accepting == 0 && m_serving.size() < m_maxConnections) spawnLocked();
@@ -96,13 +104,12 @@ void ConnectionPool::workerLoop(Worker* self) {
             m_serving.erase(m_serving.find(fd));
             ::close(fd);  // under the lock, so shutdown never touches a reused descriptor
         }
-        if (m_bStopping) break;
+        if (m_bStopping) {
+            leaveLocked();
+            return;
+        }
         ++m_accepting;
     }
-    // Every break above leaves its scope, and so its lock, before this.
-    std::lock_guard lock(m_mutex);
-    --m_live;
-    self->done = true;
 }
 
 void ConnectionPool::shutdown() {
