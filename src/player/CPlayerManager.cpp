@@ -311,7 +311,14 @@ void CPlayerManager::updatePlayModeByPlaylist(const char* title, const char* app
 
 namespace {
 
-// Appends the entry at the queue's end position to the queue, moving it to position.
+// Where the entry just added sits in the playlist: at the requested position when that lies
+// inside the queue (it was inserted there), else behind the queue's end (appended).
+int newEntryIndex(const CPlayer& player, int position) {
+    size_t n = player.getPlaylistSize();
+    return (position >= 0 && static_cast<size_t>(position) < n) ? position : static_cast<int>(n);
+}
+
+// Appends the new entry to the queue, then moves it to position.
 void appendNewEntry(CPlayer& player, const playlistElm_s& entry, int position) {
     size_t n = player.getPlaylistSize();
     playQueueItem_s item{n, static_cast<int64_t>(entry.UUID)};
@@ -325,8 +332,7 @@ void CPlayerManager::addLastItemInPlayQueueWithNoLock(int playlistID, int positi
     for (const auto& player : m_playerCollection) {
         if (player->getPlaylistID() != playlistID) continue;
         playlistElm_s entry;
-        int index = static_cast<int>(player->getPlaylistSize());
-        if (playlistStore().getPlaylistElmByIndex_NOLOCK(entry, playlistID, index) == 0)
+        if (playlistStore().getPlaylistElmByIndex_NOLOCK(entry, playlistID, newEntryIndex(*player, position)) == 0)
             appendNewEntry(*player, entry, position);
     }
 }
@@ -336,8 +342,8 @@ void CPlayerManager::addLastItemInPlayQueue(const char* title, int position) {
     ThreadReadLock collectionLock(m_rwLock);
     forEachPlayerOfTitle_(title, [&](CPlayer& player) {
         playlistElm_s entry;
-        int index = static_cast<int>(player.getPlaylistSize());
-        if (playlistStore().getPlaylistElmByIndex(entry, static_cast<int>(player.getPlaylistID()), index) == 0)
+        int id = static_cast<int>(player.getPlaylistID());
+        if (playlistStore().getPlaylistElmByIndex(entry, id, newEntryIndex(player, position)) == 0)
             appendNewEntry(player, entry, position);
     });
 }
