@@ -25,11 +25,16 @@
 
 #include "client/BatchFile.h"
 #include "client/VelmoraClient.h"
+#include "RawSqlite.h"
 #include "playlist/PlaylistTypes.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::die;
+using bench::median;
+using bench::millis;
+using bench::RawSqlite;
 
 constexpr int kSmallLists = 20;
 constexpr int kSmallSize = 10'000;
@@ -42,19 +47,6 @@ constexpr int kBusyTimeoutMs = 10'000;
 constexpr int kScratchId = 1'000'000;  // raw batch rows go to ids no playlist of the library has
 constexpr const char* kApp = "bench";
 constexpr const char* kBig = "Big";
-
-[[noreturn]] void die(const std::string& what, sqlite3* db = nullptr) {
-    std::fprintf(stderr, "playlist_socket_bench: %s%s%s\n", what.c_str(), db ? ": " : "", db ? sqlite3_errmsg(db) : "");
-    std::exit(1);
-}
-
-double millis(Clock::time_point from) { return std::chrono::duration<double, std::milli>(Clock::now() - from).count(); }
-
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    size_t n = v.size();
-    return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
 
 std::string smallTitle(int i) {
     char buf[16];
@@ -126,58 +118,6 @@ private:
 // The raw side: a connection of its own with the store's statements prepared up front, as a
 // program using SQLite directly would keep them.
 
-class Raw {
-public:
-    explicit Raw(const std::string& path) {
-        if (sqlite3_open_v2(path.c_str(), &m_db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) die("open " + path, m_db);
-        sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
-        exec("PRAGMA synchronous=NORMAL;");  // per connection; the store sets the same
-    }
-    ~Raw() {
-        for (sqlite3_stmt* s : m_stmts) sqlite3_finalize(s);
-        sqlite3_close(m_db);
-    }
-    Raw(const Raw&) = delete;
-    Raw& operator=(const Raw&) = delete;
-
-    void exec(const char* sql) {
-        if (sqlite3_exec(m_db, sql, nullptr, nullptr, nullptr) != SQLITE_OK) die(sql, m_db);
-    }
-    sqlite3_stmt* prepare(const char* sql) {
-        sqlite3_stmt* s = nullptr;
-        if (sqlite3_prepare_v3(m_db, sql, -1, SQLITE_PREPARE_PERSISTENT, &s, nullptr) != SQLITE_OK) die(sql, m_db);
-        m_stmts.push_back(s);
-        return s;
-    }
-    // Steps to the end; column 0 of the last row (or -1 when there was none).
-    sqlite3_int64 run(sqlite3_stmt* s) {
-        sqlite3_int64 v = -1;
-        int rc;
-        while ((rc = sqlite3_step(s)) == SQLITE_ROW) v = sqlite3_column_int64(s, 0);
-        if (rc != SQLITE_DONE) die(sqlite3_sql(s), m_db);
-        sqlite3_reset(s);
-        sqlite3_clear_bindings(s);
-        return v;
-    }
-    sqlite3_int64 value(const char* sql) {
-        sqlite3_stmt* s = nullptr;
-        if (sqlite3_prepare_v2(m_db, sql, -1, &s, nullptr) != SQLITE_OK) die(sql, m_db);
-        sqlite3_int64 v = -1;
-        int rc;
-        while ((rc = sqlite3_step(s)) == SQLITE_ROW) v = sqlite3_column_int64(s, 0);
-        if (rc != SQLITE_DONE) {
-            sqlite3_finalize(s);
-            die(sql, m_db);
-        }
-        sqlite3_finalize(s);
-        return v;
-    }
-    sqlite3* db() const { return m_db; }
-
-private:
-    sqlite3* m_db = nullptr;
-    std::vector<sqlite3_stmt*> m_stmts;
-};
 
 void bindText(sqlite3_stmt* s, int col, const std::string& text) {
     sqlite3_bind_text(s, col, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
@@ -234,7 +174,7 @@ int main(int argc, char** argv) {
     std::printf("setup through the socket: %d x %d + %d entries in %.0f ms (%d repetitions per row)\n", kSmallLists,
                 kSmallSize, kBigSize, millis(setupStart), opt.reps);
 
-    Raw raw(opt.db);
+    RawSqlite raw(opt.db, kBusyTimeoutMs);
     sqlite3_stmt* libId = raw.prepare("SELECT PlaylistID from PlaylistLib_TBL WHERE PlaylistTitle=? AND AppType=?;");
     sqlite3_stmt* count = raw.prepare("SELECT COUNT(*) FROM Playlist_TBL WHERE PlaylistID=? ORDER BY OrderNr;");
     sqlite3_stmt* maxOrder =

@@ -18,12 +18,17 @@
 #include <vector>
 
 #include "core/util/Log.h"
+#include "RawSqlite.h"
 #include "playlist/CSqlitePlaylist.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::die;
+using bench::median;
+using bench::millis;
+using bench::RawSqlite;
 
 constexpr int kSmallLists = 20;
 constexpr int kSmallSize = 10'000;
@@ -33,63 +38,12 @@ constexpr int kPageStart = 90'000;
 constexpr int kPageSize = 100;
 constexpr const char* kApp = "bench";
 
-[[noreturn]] void die(const char* what, sqlite3* db = nullptr) {
-    std::fprintf(stderr, "playlist_store_bench: %s%s%s\n", what, db ? ": " : "", db ? sqlite3_errmsg(db) : "");
-    std::exit(1);
-}
-
 std::string content(int i) {
     char buf[96];
     std::snprintf(buf, sizeof buf, "/share/Multimedia/Music/Artist %03d/Album/%05d - Track.mp3", i % 500, i);
     return buf;
 }
 
-double millis(Clock::time_point from) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - from).count();
-}
-
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
-
-// The raw side: a connection of its own with the statements prepared up front, as a program
-// using SQLite directly would keep them.
-class Raw {
-public:
-    explicit Raw(const std::string& path) {
-        if (sqlite3_open_v2(path.c_str(), &m_db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) die("open", m_db);
-        sqlite3_busy_timeout(m_db, 5000);
-        exec("PRAGMA synchronous=NORMAL;");  // per connection; the store sets the same
-    }
-    ~Raw() {
-        for (sqlite3_stmt* s : m_stmts) sqlite3_finalize(s);
-        sqlite3_close(m_db);
-    }
-    void exec(const char* sql) {
-        if (sqlite3_exec(m_db, sql, nullptr, nullptr, nullptr) != SQLITE_OK) die(sql, m_db);
-    }
-    sqlite3_stmt* prepare(const char* sql) {
-        sqlite3_stmt* s = nullptr;
-        if (sqlite3_prepare_v2(m_db, sql, -1, &s, nullptr) != SQLITE_OK) die(sql, m_db);
-        m_stmts.push_back(s);
-        return s;
-    }
-    // Steps to the end; column 0 of the last row (or -1).
-    sqlite3_int64 run(sqlite3_stmt* s) {
-        sqlite3_int64 v = -1;
-        int rc;
-        while ((rc = sqlite3_step(s)) == SQLITE_ROW) v = sqlite3_column_int64(s, 0);
-        if (rc != SQLITE_DONE) die(sqlite3_sql(s), m_db);
-        sqlite3_reset(s);
-        return v;
-    }
-    sqlite3* db() const { return m_db; }
-
-private:
-    sqlite3* m_db = nullptr;
-    std::vector<sqlite3_stmt*> m_stmts;
-};
 
 void fill(CSqlitePlaylist& store, const std::string& title, int count) {
     if (store.addPlaylist(title.c_str(), MEDIA_AUDIO_E, kApp, "admin", "") != 0) die("addPlaylist");
@@ -119,7 +73,7 @@ int main(int argc, char** argv) {
         const int big = store.getPlaylistID("big", kApp);
         std::printf("setup: %d x %d + %d entries in %.0f ms\n", kSmallLists, kSmallSize, kBigSize, millis(setupStart));
 
-        Raw raw(store.getPath());
+        RawSqlite raw(store.getPath(), 5000);
         std::vector<std::string> items;
         for (int i = 0; i < kBatch; ++i) items.push_back(content(i));
 

@@ -440,6 +440,13 @@ int CSqlitePlaylist::lookupPlaylistID_(std::string_view title, std::string_view 
     return rc;
 }
 
+bool CSqlitePlaylist::findEditablePlaylist_(const char* title, const char* appType, int& id) {
+    if (lookupPlaylistID_(orEmpty(title), orEmpty(appType), id) != SQLITE_OK) return false;
+    if (id != 0) return true;
+    LOG_NOTE("%s not found", orEmpty(title));
+    return false;
+}
+
 int CSqlitePlaylist::getSizeOfPlaylistLib_(std::string_view appType) {
     if (isAll(appType)) {
         Query q(m_stmts[kLibCountAll]);
@@ -647,11 +654,7 @@ int CSqlitePlaylist::addElmInPlaylist(const char* title, mediaType_e mediaType, 
     Savepoint sp(*this);
     if (sp.begin() != SQLITE_OK) return kFail;
     int id = 0;
-    if (lookupPlaylistID_(orEmpty(title), orEmpty(appType), id) != SQLITE_OK) return kFail;
-    if (id == 0) {
-        LOG_NOTE("%s not found", orEmpty(title));
-        return kFail;
-    }
+    if (!findEditablePlaylist_(title, appType, id)) return kFail;
 
     int size = getSizeOfPlaylist_(id);
     if (size < 0) return kFail;
@@ -680,11 +683,7 @@ int CSqlitePlaylist::delElmInPlaylist(const char* title, const char* appType, ui
     Savepoint sp(*this);
     if (sp.begin() != SQLITE_OK) return kFail;
     int id = 0;
-    if (lookupPlaylistID_(orEmpty(title), orEmpty(appType), id) != SQLITE_OK) return kFail;
-    if (id == 0) {
-        LOG_NOTE("%s not found", orEmpty(title));
-        return kFail;
-    }
+    if (!findEditablePlaylist_(title, appType, id)) return kFail;
 
     auto uuidValue = static_cast<sqlite3_int64>(uuid);
     sqlite3_int64 order = 0;

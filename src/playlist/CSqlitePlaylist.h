@@ -117,6 +117,8 @@ private:
     int delAllElmInPlaylist_(std::string_view title, std::string_view appType);
     // SQLite's result of looking the playlist up; id is 0 when there is none.
     int lookupPlaylistID_(std::string_view title, std::string_view appType, int& id);
+    // The id of a playlist an entry edit needs; false (logged) on an error or when it is missing.
+    bool findEditablePlaylist_(const char* title, const char* appType, int& id);
     // Column 0 of the last row of a one-integer select: SQLITE_OK (found tells whether a row
     // came) or the logged error code.
     int selectInt_(Query& query, sqlite3_int64& value, bool& found,
