@@ -8,6 +8,7 @@
 
 #include "core/util/Log.h"
 #include "core/util/StackFrame.h"
+#include "player/BackendFactory.h"
 #include "player/ThreadLock.h"
 #include "playlist/CSqlitePlaylist.h"
 #include "core/util/AppRoot.h"
@@ -156,7 +157,7 @@ CPlayer* CPlayerManager::addPlayer_(int& result, const std::string& renderID, co
 
     std::unique_ptr<CPlayer> created;
     try {
-        created = createBackend_(renderID, render, playlistTitle, appType);
+        created = createBackend_(renderID, render, playlistTitle, appType, result);
     } catch (...) {
         LOG_ERR("Could not create player %s", renderID.c_str());
         return nullptr;
@@ -173,10 +174,10 @@ CPlayer* CPlayerManager::addPlayer_(int& result, const std::string& renderID, co
     return player;
 }
 
-std::unique_ptr<CPlayer> CPlayerManager::createBackend_(const std::string& renderID, const renderCacheInfo_s&,
-                                                        const std::string&, const std::string&) {
-    LOG_WARN("Unkonw Type %s", renderID.c_str());
-    return nullptr;
+std::unique_ptr<CPlayer> CPlayerManager::createBackend_(const std::string& renderID, const renderCacheInfo_s& render,
+                                                        const std::string& playlistTitle, const std::string& appType,
+                                                        int& result) {
+    return createBackend(renderID, render, playlistTitle, appType, result);
 }
 
 size_t CPlayerManager::getNumOfPlayer() {

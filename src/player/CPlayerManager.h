@@ -124,9 +124,11 @@ public:
 
 protected:
     void process() override;
-    // Builds the back-end for a render record; null when its type has no back-end here.
+    // Builds the back-end for a render record by its type bits; null (result set when the
+    // reason has a code, such as -19 for a busy sound device) when it cannot.
     virtual std::unique_ptr<CPlayer> createBackend_(const std::string& renderID, const renderCacheInfo_s& render,
-                                                    const std::string& playlistTitle, const std::string& appType);
+                                                    const std::string& playlistTitle, const std::string& appType,
+                                                    int& result);
 
     CPlayer* findCreatedPlayer_(const std::string& renderID) const;
     // Runs fn(player) for the player of renderID under the read lock and the player's try-lock.

@@ -76,7 +76,7 @@ public:
 
 protected:
     std::unique_ptr<CPlayer> createBackend_(const std::string& id, const renderCacheInfo_s& render,
-                                            const std::string& title, const std::string& appType) override {
+                                            const std::string& title, const std::string& appType, int&) override {
         return std::make_unique<FakePlayer>(render.type, id, render.name, title, appType);
     }
 };

@@ -57,7 +57,7 @@ public:
 
 protected:
     std::unique_ptr<CPlayer> createBackend_(const std::string& id, const renderCacheInfo_s&, const std::string&,
-                                            const std::string&) override {
+                                            const std::string&, int&) override {
         return std::make_unique<RecordingPlayer>(id, calls);
     }
 };
