@@ -6,17 +6,13 @@
 #include <cerrno>
 #include <cstring>
 
+#include <thread>
+
 #include "core/util/Log.h"
 #include "core/util/StackFrame.h"
 #include "player/BackendFactory.h"
-#include "player/ThreadLock.h"
-#include "playlist/CSqlitePlaylist.h"
-#include "core/util/AppRoot.h"
-#include "core/util/Process.h"
 #include "player/PlayerTypes.h"
-#include "render/MpdAttr.h"
-
-#include <thread>
+#include "player/ThreadLock.h"
 
 CPlayerManager::CPlayerManager(int passSeconds) : CThread(THREAD_JOINABLE_E), m_passSeconds(passSeconds) {
     mutexInit(m_deletingMutex, MUTEX_NORMAL_E);
@@ -215,168 +211,6 @@ void CPlayerManager::sigactionHandler(int sig, siginfo_t* info, void*) {
     _exit(0);
 }
 
-template <class Fn>
-void CPlayerManager::forEachPlayerOfTitle_(const std::string& title, Fn fn) {
-    for (const auto& player : m_playerCollection) {
-        ThreadSingleLock playerLock(player->getLock());
-        const char* playing = player->getPlaylistTitle();
-        if (playing && title == playing) fn(*player);
-    }
-}
-
-template <class Fn>
-void CPlayerManager::forEachPlayerOfPlaylistID_(int64_t playlistID, Fn fn) {
-    for (const auto& player : m_playerCollection) {
-        ThreadSingleLock playerLock(player->getLock());
-        if (player->getPlaylistID() == playlistID) fn(*player);
-    }
-}
-
-void CPlayerManager::setDeleting(bool deleting, const char* title, const char* appType) {
-    ThreadSingleLock lock(m_deletingMutex);
-    if (deleting) {
-        if (m_bDeleting) return;
-        m_bDeleting = true;
-        m_deletingTitle = title ? title : "";
-        m_deletingAppType = appType ? appType : "";
-    } else {
-        m_bDeleting = false;
-        m_deletingTitle.clear();
-        m_deletingAppType.clear();
-    }
-}
-
-bool CPlayerManager::isDeleting(const std::string& title, const std::string& appType) {
-    ThreadSingleLock lock(m_deletingMutex);
-    return m_bDeleting && m_deletingTitle == title && m_deletingAppType == appType;
-}
-
-void CPlayerManager::delPlaylist(const char* title, const char* appType) {
-    if (!title || !appType) return;
-    ThreadReadLock collectionLock(m_rwLock);
-    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
-        if (player.getAppType() == appType) player.clearPlayQueue(true);
-    });
-}
-
-void CPlayerManager::delItemFromPlayQueue(const char* title, uint64_t uuid) {
-    if (!title) return;
-    ThreadReadLock collectionLock(m_rwLock);
-    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
-        playQueueItem_s item{0, static_cast<int64_t>(uuid)};
-        player.delItemFromPlayQueue(item);
-    });
-}
-
-namespace {
-
-// Where the track numbered c lands when the entry at `from` moves to `to` and the entries in
-// between shift by one towards `from`.
-uint64_t shiftedTrack(uint64_t c, size_t from, size_t to) {
-    if (c == from) return to;
-    if (from < to && c > from && c <= to) return c - 1;
-    if (from > to && c >= to && c < from) return c + 1;
-    return c;
-}
-
-bool isShuffleQueue(playMode_e mode) {
-    return mode == PLAYMODE_SHUFFLE_E || mode == PLAYMODE_SHUFFLE_REPEAT_E || mode == PLAYMODE_SHUFFLE_REPEAT_ONE_E;
-}
-
-}  // namespace
-
-void CPlayerManager::reorderPlayQueue(const std::string& title, size_t from, size_t to) {
-    ThreadReadLock collectionLock(m_rwLock);
-    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
-        uint64_t current = player.getCurrTrack();
-        player.reorderPlayQueue(from, to);
-        if (to >= player.getPlaylistSize()) return;
-        uint64_t shifted = shiftedTrack(current, from, to);
-        if (!isShuffleQueue(player.getPlayMode())) {
-            player.setCurrTrackIndex_(shifted);
-        } else if (player.setCurrTrackIdByOrder(static_cast<unsigned int>(shifted)) != 0) {
-            LOG_ERR("setCurrTrackIdByOrder failed");
-        }
-    });
-}
-
-void CPlayerManager::updatePlayModeByPlaylist(const char* title, const char* appType) {
-    if (!title || !appType) return;
-    ThreadReadLock collectionLock(m_rwLock);
-    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
-        if (player.getAppType() != appType || player.getPlayMode() != PLAYMODE_SHUFFLE_E) return;
-        player.setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
-        player.setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
-    });
-}
-
-namespace {
-
-// Where the entry just added sits in the playlist: at the requested position when that lies
-// inside the queue (it was inserted there), else behind the queue's end (appended).
-int newEntryIndex(const CPlayer& player, int position) {
-    size_t n = player.getPlaylistSize();
-    return (position >= 0 && static_cast<size_t>(position) < n) ? position : static_cast<int>(n);
-}
-
-// Appends the new entry to the queue, then moves it to position.
-void appendNewEntry(CPlayer& player, const playlistElm_s& entry, int position) {
-    size_t n = player.getPlaylistSize();
-    playQueueItem_s item{n, static_cast<int64_t>(entry.UUID)};
-    player.addItemToPlayQueue(item);
-    if (position >= 0) player.reorderPlayQueue(n, static_cast<unsigned long>(position));
-}
-
-}  // namespace
-
-void CPlayerManager::addLastItemInPlayQueueWithNoLock(int playlistID, int position) {
-    for (const auto& player : m_playerCollection) {
-        if (player->getPlaylistID() != playlistID) continue;
-        playlistElm_s entry;
-        if (playlistStore().getPlaylistElmByIndex_NOLOCK(entry, playlistID, newEntryIndex(*player, position)) == 0)
-            appendNewEntry(*player, entry, position);
-    }
-}
-
-void CPlayerManager::addLastItemInPlayQueue(const char* title, int position) {
-    if (!title) return;
-    ThreadReadLock collectionLock(m_rwLock);
-    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
-        playlistElm_s entry;
-        int id = static_cast<int>(player.getPlaylistID());
-        if (playlistStore().getPlaylistElmByIndex(entry, id, newEntryIndex(player, position)) == 0)
-            appendNewEntry(player, entry, position);
-    });
-}
-
-void CPlayerManager::updateAssociatePlayQueue(int playlistID) {
-    ThreadReadLock collectionLock(m_rwLock);
-    bool stop = false;
-    forEachPlayerOfPlaylistID_(playlistID, [&](CPlayer& player) {
-        if (stop) return;
-        size_t queued = player.getPlaylistSize();
-        int stored = playlistStore().getSizeOfPlaylist(playlistID);
-        if (stored < 0) {
-            stop = true;
-            return;
-        }
-        int start = static_cast<int>(queued);
-        int count = stored - start;
-        if (queued > static_cast<size_t>(stored)) {  // entries were removed: read them all again
-            player.clearPlayQueue(false);
-            start = 0;
-            count = stored;
-        }
-        if (count <= 0) return;
-        std::vector<playlistElm_s> entries;
-        if (playlistStore().getPlaylistElmsByPage(entries, playlistID, start, count) != 0) return;
-        for (size_t k = 0; k < entries.size(); ++k) {
-            playQueueItem_s item{static_cast<uint64_t>(start) + k, static_cast<int64_t>(entries[k].UUID)};
-            player.addItemToPlayQueue(item);
-        }
-    });
-}
-
 namespace {
 std::atomic<int> g_settleAfterCreateMs{3000};
 std::atomic<int> g_settleAfterHdmiStopMs{1000};
@@ -390,85 +224,6 @@ void settle(const std::atomic<int>& ms) {
 void CPlayerManager::setSettleDelays(std::chrono::milliseconds afterCreate, std::chrono::milliseconds afterHdmiStop) {
     g_settleAfterCreateMs = static_cast<int>(afterCreate.count());
     g_settleAfterHdmiStopMs = static_cast<int>(afterHdmiStop.count());
-}
-
-template <class Fn>
-int CPlayerManager::forward_(const char* renderID, Fn fn) {
-    if (!renderID) return -4;
-    try {
-        ThreadReadLock collectionLock(m_rwLock);
-        CPlayer* player = findCreatedPlayer_(renderID);
-        if (!player) return -4;
-        ThreadSingleTryLock playerLock(player->getLock());
-        return fn(*player);
-    } catch (...) {
-        // A busy player (the try-lock throws) or a failing back-end.
-        return -19;
-    }
-}
-
-int CPlayerManager::play(const char* renderID, unsigned int) {
-    return forward_(renderID, [](CPlayer& p) { return p.play(); });
-}
-int CPlayerManager::pause(const char* renderID) {
-    return forward_(renderID, [](CPlayer& p) { return p.pause(); });
-}
-int CPlayerManager::stop(const char* renderID) {
-    return forward_(renderID, [](CPlayer& p) { return p.stop(true); });
-}
-int CPlayerManager::next(const char* renderID) {
-    return forward_(renderID, [](CPlayer& p) { return p.next(); });
-}
-int CPlayerManager::previous(const char* renderID) {
-    return forward_(renderID, [](CPlayer& p) { return p.previous(); });
-}
-int CPlayerManager::seek(const char* renderID, const char* hhmmss) {
-    return forward_(renderID, [&](CPlayer& p) { return p.seek(hhmmss); });
-}
-int CPlayerManager::setAudioAndSubtitle(const char* renderID, const char* externalSubtitle, int audioTrack,
-                                        int subtitleTrack, const char* position, const char* sseek, const char* ssize,
-                                        const char* scolor, const char* sencoding, const char* realSubtitlePath,
-                                        int autoSubtitle) {
-    return forward_(renderID, [&](CPlayer& p) {
-        return p.setAudioAndSubtitle(externalSubtitle, audioTrack, subtitleTrack, position, sseek, ssize, scolor,
-                                     sencoding, realSubtitlePath, autoSubtitle);
-    });
-}
-int CPlayerManager::setTrack(const char* renderID, unsigned int track) {
-    return forward_(renderID, [&](CPlayer& p) { return p.setCurrTrack(track); });
-}
-int CPlayerManager::setTrackByContent(const char* renderID, const char* content) {
-    return forward_(renderID, [&](CPlayer& p) { return p.setCurrTrackByContent(content); });
-}
-int CPlayerManager::setSlideShowDelay(const char* renderID, int seconds) {
-    return forward_(renderID, [&](CPlayer& p) {
-        p.setSlideShowDelay(seconds);
-        return 0;
-    });
-}
-int CPlayerManager::getVolume(const char* renderID) {
-    return forward_(renderID, [](CPlayer& p) { return p.getVolume(); });
-}
-int CPlayerManager::setVolume(const char* renderID, int volume) {
-    return forward_(renderID, [&](CPlayer& p) { return p.setVolume(volume); });
-}
-int CPlayerManager::isMute(const char* renderID) {
-    return forward_(renderID, [](CPlayer& p) { return p.isMute() ? 1 : 0; });
-}
-int CPlayerManager::setMute(const char* renderID, bool on) {
-    return forward_(renderID, [&](CPlayer& p) { return p.setMute(on); });
-}
-int CPlayerManager::setPlayMode(const char* renderID, playMode_e mode) {
-    return forward_(renderID, [&](CPlayer& p) {
-        p.setPlayMode(mode, 0, 0);
-        return 0;
-    });
-}
-int CPlayerManager::getPlayerStatus(const char* renderID, playerStatus_s& status) {
-    return forward_(renderID, [&](CPlayer& p) {
-        p.getStatus(status);
-        return 0;
-    });
 }
 
 void CPlayerManager::stopLocalHdmiPlayers_(CPlayer* except) {
@@ -524,32 +279,6 @@ int CPlayerManager::setPlaylist(const char* renderID, const char* playlistTitle,
     return result;
 }
 
-int CPlayerManager::setPlayerAttributes(const char* renderID, const char* attributes) {
-    if (!renderID) return -1;
-    try {
-        ThreadReadLock collectionLock(m_rwLock);
-        if (CPlayer* player = findCreatedPlayer_(renderID)) {
-            ThreadSingleTryLock playerLock(player->getLock());
-            return player->setAttributes(attributes);
-        }
-        renderCacheInfo_s render;
-        if (searchRenderInCache_(renderID, render) != 0) return -1;
-        int sampleRate = -2, dsd = -2;
-        ParseMpdAttr(attributes, &sampleRate, &dsd);
-        if (sampleRate == -2 && dsd == -2) return 0;
-        // The shared MPD instance drives every local output that has no player of its own.
-        ProcessOptions opts;
-        opts.timeoutMs = 10000;
-        opts.capture = ProcessOptions::Capture::None;
-        runProcess({approot::path("/tmp/larkd/bin/mpc"), "-p", "8893", "setoutputattr", render.name,
-                    std::to_string(dsd), std::to_string(sampleRate)},
-                   opts);
-        return 0;
-    } catch (...) {
-        return -19;
-    }
-}
-
 void CPlayerManager::removePlayer_(const std::string& renderID) {
     for (size_t i = 0; i < m_playerCollection.size(); ++i) {
         if (m_playerCollection[i]->getRenderID() != renderID) continue;
@@ -578,25 +307,4 @@ void CPlayerManager::invalidPlayerCollection() {
         LOG_REMOVE("invalidPlayerCollection ... err");
     }
     pthread_rwlock_unlock(&m_rwLock);
-}
-
-bool CPlayerManager::getPlayerRenderID(unsigned int index, std::string& out) {
-    ThreadReadLock collectionLock(m_rwLock);
-    if (index >= m_playerCollection.size()) return false;
-    out = m_playerCollection[index]->getRenderID();
-    return true;
-}
-
-bool CPlayerManager::getPlayerDeviceName(unsigned int index, std::string& out) {
-    ThreadReadLock collectionLock(m_rwLock);
-    if (index >= m_playerCollection.size()) return false;
-    out = m_playerCollection[index]->getDeviceName();
-    return true;
-}
-
-uint32_t CPlayerManager::getPlayerType(const char* renderID) {
-    if (!renderID) return 0;
-    ThreadReadLock collectionLock(m_rwLock);
-    CPlayer* player = findCreatedPlayer_(renderID);
-    return player ? player->getPlayerType() : 0;
 }

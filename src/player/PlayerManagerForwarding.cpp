@@ -1,0 +1,133 @@
+// The player manager's forwarding: a command names a render id, the manager finds the player
+// under the collection's read lock and calls it under a try of the player's lock.
+#include "core/util/AppRoot.h"
+#include "core/util/Process.h"
+#include "player/CPlayerManager.h"
+#include "player/ThreadLock.h"
+#include "render/MpdAttr.h"
+
+template <class Fn>
+int CPlayerManager::forward_(const char* renderID, Fn fn) {
+    if (!renderID) return -4;
+    try {
+        ThreadReadLock collectionLock(m_rwLock);
+        CPlayer* player = findCreatedPlayer_(renderID);
+        if (!player) return -4;
+        ThreadSingleTryLock playerLock(player->getLock());
+        return fn(*player);
+    } catch (...) {
+        // A busy player (the try-lock throws) or a failing back-end.
+        return -19;
+    }
+}
+
+int CPlayerManager::play(const char* renderID, unsigned int) {
+    return forward_(renderID, [](CPlayer& p) { return p.play(); });
+}
+int CPlayerManager::pause(const char* renderID) {
+    return forward_(renderID, [](CPlayer& p) { return p.pause(); });
+}
+int CPlayerManager::stop(const char* renderID) {
+    return forward_(renderID, [](CPlayer& p) { return p.stop(true); });
+}
+int CPlayerManager::next(const char* renderID) {
+    return forward_(renderID, [](CPlayer& p) { return p.next(); });
+}
+int CPlayerManager::previous(const char* renderID) {
+    return forward_(renderID, [](CPlayer& p) { return p.previous(); });
+}
+int CPlayerManager::seek(const char* renderID, const char* hhmmss) {
+    return forward_(renderID, [&](CPlayer& p) { return p.seek(hhmmss); });
+}
+int CPlayerManager::setAudioAndSubtitle(const char* renderID, const char* externalSubtitle, int audioTrack,
+                                        int subtitleTrack, const char* position, const char* sseek, const char* ssize,
+                                        const char* scolor, const char* sencoding, const char* realSubtitlePath,
+                                        int autoSubtitle) {
+    return forward_(renderID, [&](CPlayer& p) {
+        return p.setAudioAndSubtitle(externalSubtitle, audioTrack, subtitleTrack, position, sseek, ssize, scolor,
+                                     sencoding, realSubtitlePath, autoSubtitle);
+    });
+}
+int CPlayerManager::setTrack(const char* renderID, unsigned int track) {
+    return forward_(renderID, [&](CPlayer& p) { return p.setCurrTrack(track); });
+}
+int CPlayerManager::setTrackByContent(const char* renderID, const char* content) {
+    return forward_(renderID, [&](CPlayer& p) { return p.setCurrTrackByContent(content); });
+}
+int CPlayerManager::setSlideShowDelay(const char* renderID, int seconds) {
+    return forward_(renderID, [&](CPlayer& p) {
+        p.setSlideShowDelay(seconds);
+        return 0;
+    });
+}
+int CPlayerManager::getVolume(const char* renderID) {
+    return forward_(renderID, [](CPlayer& p) { return p.getVolume(); });
+}
+int CPlayerManager::setVolume(const char* renderID, int volume) {
+    return forward_(renderID, [&](CPlayer& p) { return p.setVolume(volume); });
+}
+int CPlayerManager::isMute(const char* renderID) {
+    return forward_(renderID, [](CPlayer& p) { return p.isMute() ? 1 : 0; });
+}
+int CPlayerManager::setMute(const char* renderID, bool on) {
+    return forward_(renderID, [&](CPlayer& p) { return p.setMute(on); });
+}
+int CPlayerManager::setPlayMode(const char* renderID, playMode_e mode) {
+    return forward_(renderID, [&](CPlayer& p) {
+        p.setPlayMode(mode, 0, 0);
+        return 0;
+    });
+}
+int CPlayerManager::getPlayerStatus(const char* renderID, playerStatus_s& status) {
+    return forward_(renderID, [&](CPlayer& p) {
+        p.getStatus(status);
+        return 0;
+    });
+}
+
+int CPlayerManager::setPlayerAttributes(const char* renderID, const char* attributes) {
+    if (!renderID) return -1;
+    try {
+        ThreadReadLock collectionLock(m_rwLock);
+        if (CPlayer* player = findCreatedPlayer_(renderID)) {
+            ThreadSingleTryLock playerLock(player->getLock());
+            return player->setAttributes(attributes);
+        }
+        renderCacheInfo_s render;
+        if (searchRenderInCache_(renderID, render) != 0) return -1;
+        int sampleRate = -2, dsd = -2;
+        ParseMpdAttr(attributes, &sampleRate, &dsd);
+        if (sampleRate == -2 && dsd == -2) return 0;
+        // The shared MPD instance drives every local output that has no player of its own.
+        ProcessOptions opts;
+        opts.timeoutMs = 10000;
+        opts.capture = ProcessOptions::Capture::None;
+        runProcess({approot::path("/tmp/larkd/bin/mpc"), "-p", "8893", "setoutputattr", render.name,
+                    std::to_string(dsd), std::to_string(sampleRate)},
+                   opts);
+        return 0;
+    } catch (...) {
+        return -19;
+    }
+}
+
+bool CPlayerManager::getPlayerRenderID(unsigned int index, std::string& out) {
+    ThreadReadLock collectionLock(m_rwLock);
+    if (index >= m_playerCollection.size()) return false;
+    out = m_playerCollection[index]->getRenderID();
+    return true;
+}
+
+bool CPlayerManager::getPlayerDeviceName(unsigned int index, std::string& out) {
+    ThreadReadLock collectionLock(m_rwLock);
+    if (index >= m_playerCollection.size()) return false;
+    out = m_playerCollection[index]->getDeviceName();
+    return true;
+}
+
+uint32_t CPlayerManager::getPlayerType(const char* renderID) {
+    if (!renderID) return 0;
+    ThreadReadLock collectionLock(m_rwLock);
+    CPlayer* player = findCreatedPlayer_(renderID);
+    return player ? player->getPlayerType() : 0;
+}

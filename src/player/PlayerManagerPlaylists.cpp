@@ -1,0 +1,168 @@
+// The player manager's playlist-wide operations: after a playlist changes, the queues of every
+// player playing it follow. Each waits for the players' locks (unlike the forwarding calls).
+#include "core/util/Log.h"
+#include "player/CPlayerManager.h"
+#include "player/ThreadLock.h"
+#include "playlist/CSqlitePlaylist.h"
+
+template <class Fn>
+void CPlayerManager::forEachPlayerOfTitle_(const std::string& title, Fn fn) {
+    for (const auto& player : m_playerCollection) {
+        ThreadSingleLock playerLock(player->getLock());
+        const char* playing = player->getPlaylistTitle();
+        if (playing && title == playing) fn(*player);
+    }
+}
+
+template <class Fn>
+void CPlayerManager::forEachPlayerOfPlaylistID_(int64_t playlistID, Fn fn) {
+    for (const auto& player : m_playerCollection) {
+        ThreadSingleLock playerLock(player->getLock());
+        if (player->getPlaylistID() == playlistID) fn(*player);
+    }
+}
+
+void CPlayerManager::setDeleting(bool deleting, const char* title, const char* appType) {
+    ThreadSingleLock lock(m_deletingMutex);
+    if (deleting) {
+        if (m_bDeleting) return;
+        m_bDeleting = true;
+        m_deletingTitle = title ? title : "";
+        m_deletingAppType = appType ? appType : "";
+    } else {
+        m_bDeleting = false;
+        m_deletingTitle.clear();
+        m_deletingAppType.clear();
+    }
+}
+
+bool CPlayerManager::isDeleting(const std::string& title, const std::string& appType) {
+    ThreadSingleLock lock(m_deletingMutex);
+    return m_bDeleting && m_deletingTitle == title && m_deletingAppType == appType;
+}
+
+void CPlayerManager::delPlaylist(const char* title, const char* appType) {
+    if (!title || !appType) return;
+    ThreadReadLock collectionLock(m_rwLock);
+    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
+        if (player.getAppType() == appType) player.clearPlayQueue(true);
+    });
+}
+
+void CPlayerManager::delItemFromPlayQueue(const char* title, uint64_t uuid) {
+    if (!title) return;
+    ThreadReadLock collectionLock(m_rwLock);
+    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
+        playQueueItem_s item{0, static_cast<int64_t>(uuid)};
+        player.delItemFromPlayQueue(item);
+    });
+}
+
+namespace {
+
+// Where the track numbered c lands when the entry at `from` moves to `to` and the entries in
+// between shift by one towards `from`.
+uint64_t shiftedTrack(uint64_t c, size_t from, size_t to) {
+    if (c == from) return to;
+    if (from < to && c > from && c <= to) return c - 1;
+    if (from > to && c >= to && c < from) return c + 1;
+    return c;
+}
+
+bool isShuffleQueue(playMode_e mode) {
+    return mode == PLAYMODE_SHUFFLE_E || mode == PLAYMODE_SHUFFLE_REPEAT_E || mode == PLAYMODE_SHUFFLE_REPEAT_ONE_E;
+}
+
+}  // namespace
+
+void CPlayerManager::reorderPlayQueue(const std::string& title, size_t from, size_t to) {
+    ThreadReadLock collectionLock(m_rwLock);
+    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
+        uint64_t current = player.getCurrTrack();
+        player.reorderPlayQueue(from, to);
+        if (to >= player.getPlaylistSize()) return;
+        uint64_t shifted = shiftedTrack(current, from, to);
+        if (!isShuffleQueue(player.getPlayMode())) {
+            player.setCurrTrackIndex_(shifted);
+        } else if (player.setCurrTrackIdByOrder(static_cast<unsigned int>(shifted)) != 0) {
+            LOG_ERR("setCurrTrackIdByOrder failed");
+        }
+    });
+}
+
+void CPlayerManager::updatePlayModeByPlaylist(const char* title, const char* appType) {
+    if (!title || !appType) return;
+    ThreadReadLock collectionLock(m_rwLock);
+    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
+        if (player.getAppType() != appType || player.getPlayMode() != PLAYMODE_SHUFFLE_E) return;
+        player.setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
+        player.setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
+    });
+}
+
+namespace {
+
+// Where the entry just added sits in the playlist: at the requested position when that lies
+// inside the queue (it was inserted there), else behind the queue's end (appended).
+int newEntryIndex(const CPlayer& player, int position) {
+    size_t n = player.getPlaylistSize();
+    return (position >= 0 && static_cast<size_t>(position) < n) ? position : static_cast<int>(n);
+}
+
+// Appends the new entry to the queue, then moves it to position.
+void appendNewEntry(CPlayer& player, const playlistElm_s& entry, int position) {
+    size_t n = player.getPlaylistSize();
+    playQueueItem_s item{n, static_cast<int64_t>(entry.UUID)};
+    player.addItemToPlayQueue(item);
+    if (position >= 0) player.reorderPlayQueue(n, static_cast<unsigned long>(position));
+}
+
+}  // namespace
+
+void CPlayerManager::addLastItemInPlayQueueWithNoLock(int playlistID, int position) {
+    for (const auto& player : m_playerCollection) {
+        if (player->getPlaylistID() != playlistID) continue;
+        playlistElm_s entry;
+        if (playlistStore().getPlaylistElmByIndex_NOLOCK(entry, playlistID, newEntryIndex(*player, position)) == 0)
+            appendNewEntry(*player, entry, position);
+    }
+}
+
+void CPlayerManager::addLastItemInPlayQueue(const char* title, int position) {
+    if (!title) return;
+    ThreadReadLock collectionLock(m_rwLock);
+    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
+        playlistElm_s entry;
+        int id = static_cast<int>(player.getPlaylistID());
+        if (playlistStore().getPlaylistElmByIndex(entry, id, newEntryIndex(player, position)) == 0)
+            appendNewEntry(player, entry, position);
+    });
+}
+
+void CPlayerManager::updateAssociatePlayQueue(int playlistID) {
+    ThreadReadLock collectionLock(m_rwLock);
+    bool stop = false;
+    forEachPlayerOfPlaylistID_(playlistID, [&](CPlayer& player) {
+        if (stop) return;
+        size_t queued = player.getPlaylistSize();
+        int stored = playlistStore().getSizeOfPlaylist(playlistID);
+        if (stored < 0) {
+            stop = true;
+            return;
+        }
+        int start = static_cast<int>(queued);
+        int count = stored - start;
+        if (queued > static_cast<size_t>(stored)) {  // entries were removed: read them all again
+            player.clearPlayQueue(false);
+            start = 0;
+            count = stored;
+        }
+        if (count <= 0) return;
+        std::vector<playlistElm_s> entries;
+        if (playlistStore().getPlaylistElmsByPage(entries, playlistID, start, count) != 0) return;
+        for (size_t k = 0; k < entries.size(); ++k) {
+            playQueueItem_s item{static_cast<uint64_t>(start) + k, static_cast<int64_t>(entries[k].UUID)};
+            player.addItemToPlayQueue(item);
+        }
+    });
+}
