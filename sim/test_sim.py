@@ -1,15 +1,22 @@
 """Checks of the simulated appliance: make-root, the yarrow INI reader, the media
-agent and the media library's tools.
+agent and the media library's tools, the local sound outputs (private mpd
+servers through the mpd/mpc wrappers, the shared instance's output list,
+/proc/asound) and the network discovery fakes.
 
 Run from sim/:  python3 -m unittest test_sim
 """
 
 import json
+import math
 import os
+import re
 import shutil
+import struct
 import subprocess
 import tempfile
+import time
 import unittest
+import wave
 import xml.etree.ElementTree as ET
 from concurrent.futures import ThreadPoolExecutor
 
@@ -191,6 +198,237 @@ class MediaAgentTest(SimRootTest):
         self.assertEqual(code, 0)
         self.assertIn("Public\t%s/share/Public\n" % self.root, out)
         self.assertEqual(self.run_fake("sbin/pimbrel", "-x")[0], 1)
+
+
+def write_tone(path, seconds, rate=44100):
+    """A 16-bit stereo 440 Hz tone as a WAV file."""
+    frame = struct.Struct("<hh")
+    with wave.open(path, "wb") as w:
+        w.setnchannels(2)
+        w.setsampwidth(2)
+        w.setframerate(rate)
+        samples = (int(12000 * math.sin(2 * math.pi * 440 * i / rate)) for i in range(int(seconds * rate)))
+        w.writeframes(b"".join(frame.pack(v, v) for v in samples))
+
+
+# The shared instance's extended output line, fields in the order the daemon reads them.
+OUTPUT_LINE = re.compile(r"^Output (\d+) \((.+)\) is (enabled|disabled) uid:(\S+) devType:(\d) "
+                         r"sampleRate:(\d+) sampleRateMode:(\d+) dsd:(\d+) dsdMode:(\d+) "
+                         r"hwParam:hw:CARD=(\d+),DEV=(\d+)$")
+PCM_RATE = 44100 * 2 * 2
+
+
+@unittest.skipUnless(shutil.which("mpd") and shutil.which("mpc"), "mpd and mpc not installed")
+class PrivateMpdTest(SimRootTest):
+    PORT = 12351
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.tone = os.path.join(cls.root, "share/Public/Music/tone 1s.wav")
+        write_tone(cls.tone, 1.0)
+
+    @classmethod
+    def tearDownClass(cls):
+        subprocess.run([os.path.join(cls.root, "var/sim/simctl"), "stop-mpd"])
+        super().tearDownClass()
+
+    def mpd(self, *args):
+        return subprocess.run([os.path.join(self.root, "tmp/larkd/bin/mpd"), *args,
+                               os.path.join(self.root, "tmp/larkd/morrat.conf")],
+                              capture_output=True, text=True, timeout=10)
+
+    def mpc(self, *args, port=PORT):
+        p = subprocess.run([os.path.join(self.root, "tmp/larkd/bin/mpc"), "-p", str(port), *args],
+                           capture_output=True, text=True, timeout=10)
+        return p.returncode, p.stdout, p.stderr
+
+    def pcm(self, uid):
+        try:
+            return os.path.getsize(os.path.join(self.root, "var/sim/audio", uid + ".pcm"))
+        except OSError:
+            return 0
+
+    def wait_for(self, predicate, timeout=3.0):
+        deadline = time.monotonic() + timeout
+        while not predicate():
+            if time.monotonic() > deadline:
+                return False
+            time.sleep(0.05)
+        return True
+
+    def instance_pids(self):
+        d = os.path.join(self.root, "var/sim/mpd", str(self.PORT))
+        with open(os.path.join(d, "pid")) as f, open(os.path.join(d, "taps")) as g:
+            return int(f.read()), int(g.read())
+
+    @staticmethod
+    def running(pid):
+        try:
+            with open("/proc/%d/stat" % pid) as f:
+                return f.read().rpartition(")")[2].split()[0] != "Z"
+        except OSError:
+            return False
+
+    def test_play_pause_volume_and_kill(self):
+        started = time.monotonic()
+        self.assertEqual(self.mpd("--port", str(self.PORT)).returncode, 0)
+        self.assertLess(time.monotonic() - started, 2.5)
+        pids = self.instance_pids()
+        # A second start of a running port leaves the instance alone.
+        self.assertEqual(self.mpd("--port", str(self.PORT)).returncode, 0)
+        self.assertEqual(self.instance_pids(), pids)
+
+        self.assertEqual(self.mpc("enable", "only", "USB DAC")[0], 0)
+        self.assertEqual(self.mpc("volume", "40")[0], 0)
+        self.assertIn("volume: 40%", self.mpc("volume")[1])
+        self.assertEqual(self.mpc("clear")[0], 0)
+        self.assertEqual(self.mpc("add", "file://" + self.tone)[0], 0)
+        before = self.pcm("usb_dac")
+        self.assertEqual(self.mpc("play")[0], 0)
+        t0 = time.monotonic()
+        time.sleep(0.4)
+        played, elapsed = self.pcm("usb_dac") - before, time.monotonic() - t0
+        # Paced in real time: not the whole second at once, but clearly sound.
+        self.assertGreater(played, 0.15 * PCM_RATE)
+        self.assertLess(played, (elapsed + 0.3) * PCM_RATE)
+        self.assertTrue(self.wait_for(lambda: "[playing]" not in self.mpc("status")[1]))
+        self.assertAlmostEqual((self.pcm("usb_dac") - before) / PCM_RATE, 1.0, delta=0.1)
+
+        # Pause holds the sound back, play resumes it. (mpd reopens a fifo
+        # output on resume and may deliver buffered audio again, so only growth
+        # is checked here.)
+        self.assertEqual(self.mpc("play")[0], 0)
+        time.sleep(0.3)
+        self.assertEqual(self.mpc("pause")[0], 0)
+        self.assertIn("[paused]", self.mpc("status")[1])
+        paused_at = self.pcm("usb_dac")
+        time.sleep(0.3)
+        self.assertLess(self.pcm("usb_dac") - paused_at, 0.05 * PCM_RATE)
+        self.assertEqual(self.mpc("play")[0], 0)
+        self.assertTrue(self.wait_for(lambda: self.pcm("usb_dac") - paused_at > 0.1 * PCM_RATE))
+        self.assertEqual(self.mpc("stop")[0], 0)
+        # Only the selected output produced sound.
+        self.assertEqual(self.pcm("HDMI_hdmi-3") + self.pcm("analog"), 0)
+
+        self.assertEqual(self.mpd("--port", str(self.PORT), "--kill").returncode, 0)
+        self.assertFalse(any(self.running(pid) for pid in pids))
+        code, _, err = self.mpc("status")
+        self.assertEqual((code, err), (1, "MPD error: Connection refused\n"))
+        self.assertEqual(self.mpd("--port", str(self.PORT), "--kill").returncode, 0)
+        mpd_calls = [line for line in self.calls() if line.startswith("mpd ")]
+        self.assertIn('mpd ["--port","%d","%s/tmp/larkd/morrat.conf"]' % (self.PORT, self.root), mpd_calls)
+
+    def test_start_failures_are_reported(self):
+        port = self.PORT + 1
+        d = os.path.join(self.root, "var/sim/mpd", str(port))
+        os.makedirs(d, exist_ok=True)
+        with open(os.path.join(d, "analog.fifo"), "w") as f:
+            f.write("not a pipe\n")
+        p = self.mpd("--port", str(port))
+        self.assertEqual(p.returncode, 1)
+        self.assertIn("analog.fifo", p.stderr)
+        self.assertEqual(self.mpd("--port", "x").returncode, 1)
+
+
+class SharedInstanceTest(SimRootTest):
+    def mpc(self, *args):
+        p = subprocess.run([os.path.join(self.root, "tmp/larkd/bin/mpc"), *args], capture_output=True, text=True)
+        return p.returncode, p.stdout, p.stderr
+
+    def outputs(self):
+        code, out, _ = self.mpc("-p", "8893", "outputs")
+        self.assertEqual(code, 0)
+        lines = out.splitlines()
+        self.assertTrue(all(OUTPUT_LINE.match(line) for line in lines), lines)
+        return {m.group(2): m.groups() for m in map(OUTPUT_LINE.match, lines)}
+
+    def test_output_list_and_attributes(self):
+        outputs = self.outputs()
+        self.assertEqual(list(outputs), ["USB DAC", "HDMI", "Analog"])
+        self.assertEqual(outputs["USB DAC"], ("1", "USB DAC", "enabled", "usb_dac", "1", "96000", "0", "1", "0",
+                                              "1", "0"))
+        self.assertEqual(self.mpc("-p", "8893", "setoutputattr", "USB DAC", "0", "192000")[0], 0)
+        self.assertEqual(self.mpc("-p", "8893", "reloadsettings")[0], 0)
+        self.assertEqual(self.outputs()["USB DAC"][5:9], ("192000", "1", "0", "1"))
+        # Automatic rate and DSD keep the rate and turn DSD off.
+        self.assertEqual(self.mpc("-p", "8893", "setoutputattr", "USB DAC", "-1", "-1")[0], 0)
+        self.assertEqual(self.outputs()["USB DAC"][5:9], ("192000", "0", "0", "0"))
+        self.assertEqual(self.mpc("-p", "8893", "setoutputattr", "Nope", "1", "44100")[:2], (1, ""))
+        self.assertIn('mpc ["-p","8893","setoutputattr","USB DAC","0","192000"]', self.calls())
+
+    def test_other_ports_and_commands(self):
+        self.assertEqual(self.mpc("-p", "12999", "status"), (1, "", "MPD error: Connection refused\n"))
+        self.assertEqual(self.mpc("-p", "8893", "status")[0], 1)
+
+    def test_sound_devices_and_switches(self):
+        simctl = os.path.join(self.root, "var/sim/simctl")
+        status = os.path.join(self.root, "proc/asound/card1/pcm0p/sub0/status")
+        with open(status) as f:
+            self.assertEqual(f.read(), "closed\n")
+        subprocess.run([simctl, "busy", "1", "0"], check=True)
+        with open(status) as f:
+            self.assertNotIn("closed", f.read())
+        subprocess.run([simctl, "free", "1", "0"], check=True)
+        with open(status) as f:
+            self.assertEqual(f.read(), "closed\n")
+        self.assertEqual(subprocess.run([simctl, "busy", "7", "0"], capture_output=True).returncode, 1)
+
+        # The HDMI uid names the card id and device whose ELD holds the monitor.
+        hdmi = self.outputs()["HDMI"]
+        card_id, _, rest = hdmi[3].partition("_")
+        device = rest.partition("-")[2][0]
+        self.assertEqual(device, hdmi[10])
+        with open(os.path.join(self.root, "proc/asound", card_id, "eld#0." + device)) as f:
+            self.assertIn("monitor_name\t\tLiving Room TV\n", f.read())
+
+        subprocess.run([simctl, "output", "Analog", "absent"], check=True)
+        self.assertEqual(list(self.outputs()), ["USB DAC", "HDMI"])
+        subprocess.run([simctl, "output", "Analog", "present"], check=True)
+        self.assertIn("Analog", self.outputs())
+
+
+class DiscoveryTest(SimRootTest):
+    def run_fake(self, rel, *args):
+        p = subprocess.run([os.path.join(self.root, rel), *args], capture_output=True, text=True)
+        self.assertEqual(p.returncode, 0, p.stderr)
+        return p.stdout
+
+    def test_cast_receivers(self):
+        out = self.run_fake("usr/sbin/avahi-browse", "-rkpt", "_googlecast._tcp")
+        self.assertEqual(out, self.run_fake("usr/sbin/avahi-browse", "-krpt", "_googlecast._tcp"))
+        resolved = [line.split(";") for line in out.splitlines() if line.startswith("=;")]
+        self.assertTrue(all(len(f) == 10 and f[4] == "_googlecast._tcp" for f in resolved))
+        # One receiver is seen on two interfaces with the same address.
+        seen = [(f[3], f[7]) for f in resolved]
+        self.assertEqual(len(set(seen)), 2)
+        self.assertIn((r"Living\032Room", "192.168.1.20"), seen)
+        txt = {f[3]: dict(kv.split("=", 1) for kv in re.findall(r'"([^"]*)"', f[9])) for f in resolved}
+        kitchen = txt["Chromecast-Audio-9c2e41d7b0a54f3e"]
+        self.assertEqual((kitchen["fn"], kitchen["md"]), ("Kitchen speaker", "Chromecast Audio"))
+        self.assertIn('"fn=Kitchen speaker" "ic=', out)
+        # Without resolving only the found-service lines come.
+        unresolved = self.run_fake("usr/sbin/avahi-browse", "-kpt", "_googlecast._tcp").splitlines()
+        self.assertTrue(unresolved and all(line.startswith("+;") for line in unresolved))
+        self.assertEqual(self.run_fake("usr/sbin/avahi-browse", "-rkpt", "_raop._tcp"), "")
+
+    def test_dlna_renderers_and_media_dash(self):
+        def renderers():
+            root = ET.fromstring(self.run_fake("usr/bin/tessaly", "-c", "list"))
+            self.assertEqual(root.findtext("status"), "success")
+            return {d.findtext("deviceName"): (d.findtext("deviceId"), d.findtext("type"))
+                    for d in root.findall("device")}
+        listed = renderers()
+        self.assertEqual(sorted(t for _, t in listed.values()), ["audio", "video,photo,audio"])
+        tv = listed["Living Room TV"][0]
+        simctl = os.path.join(self.root, "var/sim/simctl")
+        subprocess.run([simctl, "renderer", tv, "absent"], check=True)
+        self.assertEqual(list(renderers()), ["Study Speaker"])
+        subprocess.run([simctl, "renderer", tv, "present"], check=True)
+        self.assertEqual(len(renderers()), 2)
+
+        dash = ET.parse(os.path.join(self.root, "etc/config/mediaDash.conf")).getroot()
+        self.assertEqual([d.findtext("deviceId") for d in dash.findall("device")], ["usb_dac"])
 
 
 class MakeRootTest(unittest.TestCase):

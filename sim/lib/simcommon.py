@@ -83,3 +83,15 @@ def write_file_atomic(path, data):
     with open(tmp, "wb") as f:
         f.write(data)
     os.replace(tmp, path)
+
+
+def real_program(name, own_path):
+    """The installed program NAME on PATH (standard directories when PATH is
+    unset), skipping own_path: the fake that wraps it. None when missing."""
+    own = os.path.realpath(own_path)
+    dirs = os.environ.get("PATH") or "/usr/local/bin:/usr/bin:/bin"
+    for d in dirs.split(os.pathsep):
+        path = os.path.join(d or ".", name)
+        if os.path.isfile(path) and os.access(path, os.X_OK) and os.path.realpath(path) != own:
+            return path
+    return None
