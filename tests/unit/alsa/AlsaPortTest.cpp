@@ -1,0 +1,106 @@
+// Port selection for the private servers and the sound-device check, without any server.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+
+#include "core/util/AppRoot.h"
+#include "render/CAlsaPlayer.h"
+
+namespace {
+
+class PortSelection : public ::testing::Test {
+protected:
+    void SetUp() override { CAlsaPlayer::resetPortCounter(); }
+    void TearDown() override {
+        CAlsaPlayer::setPortProbe(nullptr);
+        CAlsaPlayer::resetPortCounter();
+    }
+};
+
+TEST_F(PortSelection, CounterRunsThroughTheRangeAndWraps) {
+    CAlsaPlayer::setPortProbe([](int) { return false; });
+    EXPECT_EQ(CAlsaPlayer::choosePort(), 12351);
+    int last = 0;
+    for (int i = 2; i <= 300; ++i) last = CAlsaPlayer::choosePort();
+    EXPECT_EQ(last, 12650);
+    EXPECT_EQ(CAlsaPlayer::choosePort(), 12350);
+    EXPECT_EQ(CAlsaPlayer::choosePort(), 12351);
+}
+
+TEST_F(PortSelection, BusyPortsAreSkippedAndAllBusyFallsBackToTheFirst) {
+    std::set<int> asked;
+    CAlsaPlayer::setPortProbe([&](int port) {
+        asked.insert(port);
+        return port == 12351 || port == 12352;
+    });
+    EXPECT_EQ(CAlsaPlayer::choosePort(), 12353);
+    EXPECT_EQ(CAlsaPlayer::choosePort(), 12354);  // the counter goes on from the port taken
+
+    asked.clear();
+    CAlsaPlayer::setPortProbe([&](int port) {
+        asked.insert(port);
+        return true;
+    });
+    EXPECT_EQ(CAlsaPlayer::choosePort(), 12350);
+    EXPECT_EQ(asked.size(), 300u);  // each candidate once, then no more
+    EXPECT_EQ(*asked.begin(), 12350);
+    EXPECT_EQ(*asked.rbegin(), 12650);
+}
+
+TEST(PortTable, OnlyLocalAddressesCount) {
+    // 0x303F = 12351, 0x3040 = 12352.
+    const char* tcp =
+        "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n"
+        "   0: 0100007F:303F 00000000:0000 0A 00000000:00000000 00:00000000 00000000     0        0 1 1\n"
+        "   1: 0100007F:A1B2 0100007F:3040 01 00000000:00000000 00:00000000 00000000     0        0 2 1\n";
+    EXPECT_TRUE(CAlsaPlayer::tcpTableHasLocalPort(tcp, 12351));
+    EXPECT_FALSE(CAlsaPlayer::tcpTableHasLocalPort(tcp, 12352));  // only a remote end
+    EXPECT_FALSE(CAlsaPlayer::tcpTableHasLocalPort(tcp, 0x303));  // no substring matches
+    EXPECT_TRUE(CAlsaPlayer::tcpTableHasLocalPort(tcp, 0xA1B2));
+
+    const char* tcp6 =
+        "  sl  local_address                         remote_address                        st\n"
+        "   0: 00000000000000000000000000000000:3040 00000000000000000000000000000000:0000 0A\n";
+    EXPECT_TRUE(CAlsaPlayer::tcpTableHasLocalPort(tcp6, 12352));
+    // The header alone, or junk, lists nothing.
+    EXPECT_FALSE(CAlsaPlayer::tcpTableHasLocalPort("  sl  local_address 0100007F:303F\n", 12351));
+    EXPECT_FALSE(CAlsaPlayer::tcpTableHasLocalPort("h\n 0: nonsense\n 1: x:zz\n", 12351));
+}
+
+class SoundDevice : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/velmora-alsa-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        m_root = pattern;
+        approot::set(m_root);
+    }
+    void TearDown() override {
+        approot::set("");
+        std::filesystem::remove_all(m_root);
+    }
+    void writeStatus(const std::string& card, const std::string& device, const std::string& text) {
+        std::string dir = m_root + "/proc/asound/card" + card + "/pcm" + device + "p/sub0";
+        std::filesystem::create_directories(dir);
+        std::ofstream(dir + "/status") << text;
+    }
+    std::string m_root;
+};
+
+TEST_F(SoundDevice, FreeOnlyWhenTheStatusSaysClosed) {
+    writeStatus("0", "3", "closed\n");
+    writeStatus("1", "0", "state: RUNNING\nowner_pid   : 4242\n");
+    writeStatus("2", "0", "");
+    EXPECT_FALSE(CAlsaPlayer::isSndDevBusy("0", "3"));
+    EXPECT_TRUE(CAlsaPlayer::isSndDevBusy("1", "0"));
+    EXPECT_TRUE(CAlsaPlayer::isSndDevBusy("2", "0"));
+    EXPECT_TRUE(CAlsaPlayer::isSndDevBusy("0", "7"));  // no such device
+    EXPECT_TRUE(CAlsaPlayer::isSndDevBusy("9", "0"));  // no such card
+    EXPECT_TRUE(CAlsaPlayer::isSndDevBusy("", ""));
+}
+
+}  // namespace
