@@ -82,18 +82,63 @@ bool CPlayer::isMute() { return getVolume() <= 0; }
 
 // ---- playlist and queue --------------------------------------------------------------------
 
+std::string CPlayer::playlistTitleCopy() const {
+    std::lock_guard lock(m_queueMutex);
+    return m_playlistTitle;
+}
+
+std::string CPlayer::appTypeCopy() const {
+    std::lock_guard lock(m_queueMutex);
+    return m_appType;
+}
+
+std::string CPlayer::ownerCopy() const {
+    std::lock_guard lock(m_queueMutex);
+    return m_owner;
+}
+
+std::string CPlayer::tagCopy() const {
+    std::lock_guard lock(m_queueMutex);
+    return m_tag;
+}
+
+std::vector<playQueueItem_s> CPlayer::playQueueCopy() const {
+    std::lock_guard lock(m_queueMutex);
+    return m_playQueue;
+}
+
+int64_t CPlayer::getPlaylistID() const {
+    std::lock_guard lock(m_queueMutex);
+    return m_playlistID;
+}
+
+size_t CPlayer::getPlaylistSize() const {
+    std::lock_guard lock(m_queueMutex);
+    return m_playQueue.size();
+}
+
 void CPlayer::setPlaylist(const std::string& title, const std::string& appType) {
     playerState_e before = getPlayerState();
     // RAOP receivers get the soft stop, every other device the full one.
     stop((m_type & playertype::kRaop) == 0);
 
-    m_currTrackIndex.store(0);
-    m_playlistTitle = title;
-    m_appType = appType;
     int id = playlistStore().getPlaylistID(title, appType);
-    m_playlistID = id >= 1 ? id : -1;
-    if (m_playlistID < 1) return;
-    loadPlaylist_();
+    int64_t playlistID = id >= 1 ? id : -1;
+    LoadedPlaylist loaded;
+    if (playlistID >= 1) loaded = readPlaylist_(playlistID);
+    {
+        // The new playlist and its queue appear together: the worker never pairs one playlist's
+        // id with another's queue.
+        std::lock_guard lock(m_queueMutex);
+        m_currTrackIndex.store(0);
+        m_playlistTitle = title;
+        m_appType = appType;
+        m_playlistID = playlistID;
+        if (playlistID < 1) return;
+        m_owner = std::move(loaded.owner);
+        m_tag = std::move(loaded.tag);
+        m_playQueue = std::move(loaded.queue);
+    }
 
     if (before == STATE_PLAY_E) {
         play();
@@ -104,57 +149,138 @@ void CPlayer::setPlaylist(const std::string& title, const std::string& appType) 
     }
 }
 
-void CPlayer::loadPlaylist_() {
-    playMode_e mode = getPlayMode();
+CPlayer::LoadedPlaylist CPlayer::readPlaylist_(int64_t playlistID) {
     CSqlitePlaylist& store = playlistStore();
-    int id = static_cast<int>(m_playlistID);
+    int id = static_cast<int>(playlistID);
+    LoadedPlaylist loaded;
 
     playlistLibElm_t lib;
     if (store.getPlaylistLibElmByID(id, lib) != 0) lib = playlistLibElm_t();
-    m_owner = lib.Owner;
-    m_tag = lib.Tag;
+    loaded.owner = lib.Owner;
+    loaded.tag = lib.Tag;
 
-    m_playQueue.clear();
-    if (m_playlistID < 1) return;
+    if (playlistID < 1) return loaded;
     std::vector<playlistElm_s> entries;
-    if (store.getPlaylistElmsByPage(entries, id, 0, 0) != 0) return;
-    m_playQueue.reserve(entries.size());
+    if (store.getPlaylistElmsByPage(entries, id, 0, 0) != 0) return loaded;
+    loaded.queue.reserve(entries.size());
     for (const auto& entry : entries)
-        m_playQueue.push_back({static_cast<uint64_t>(entry.OrderNr), static_cast<int64_t>(entry.UUID)});
-    // Already in a shuffle mode, so this does not shuffle: a reloaded queue plays in playlist order.
-    if (isShuffleMode(mode)) setPlayMode(mode, 0, 0);
+        loaded.queue.push_back({static_cast<uint64_t>(entry.OrderNr), static_cast<int64_t>(entry.UUID)});
+    return loaded;
 }
 
-void CPlayer::addItemToPlayQueue(playQueueItem_s& item) { m_playQueue.push_back(item); }
+void CPlayer::loadPlaylist_() {
+    // Read the store without the mutex: the store has its own lock, and a slow query must not
+    // hold up the worker.
+    LoadedPlaylist loaded = readPlaylist_(getPlaylistID());
+    std::lock_guard lock(m_queueMutex);
+    m_owner = std::move(loaded.owner);
+    m_tag = std::move(loaded.tag);
+    m_playQueue = std::move(loaded.queue);
+    // The mode stays, shuffled or not: a reloaded queue plays in playlist order.
+}
+
+void CPlayer::addItemToPlayQueue(playQueueItem_s& item) {
+    std::lock_guard lock(m_queueMutex);
+    m_playQueue.push_back(item);
+}
 
 void CPlayer::delItemFromPlayQueue(playQueueItem_s& item) {
-    auto it = std::find_if(m_playQueue.begin(), m_playQueue.end(),
-                           [&](const playQueueItem_s& queued) { return queued.uuid == item.uuid; });
-    if (it == m_playQueue.end()) return;
+    auto eraseItem = [&] {
+        auto it = std::find_if(m_playQueue.begin(), m_playQueue.end(),
+                               [&](const playQueueItem_s& queued) { return queued.uuid == item.uuid; });
+        if (it == m_playQueue.end()) return;
+        uint64_t order = it->order;
+        m_playQueue.erase(it);
+        for (auto& queued : m_playQueue)
+            if (queued.order > order) --queued.order;
+    };
 
-    // Orders and the index agree in playlist order, which is where deletions come from.
-    uint64_t order = it->order;
-    uint64_t index = m_currTrackIndex.load();
-    bool deletingCurrent = order == index;
-    if (deletingCurrent)
-        stop(true);
-    else if (order < index)
-        m_currTrackIndex.store(--index);
-
-    m_playQueue.erase(it);
-    for (auto& queued : m_playQueue)
-        if (queued.order > order) --queued.order;
-
-    if (!deletingCurrent) return;
-    if (index < m_playQueue.size()) {
-        play();
-    } else if (!m_playQueue.empty() && getPlayMode() == PLAYMODE_REPEAT_E && index == m_playQueue.size()) {
-        m_currTrackIndex.store(0);
-        play();
+    uint64_t index;
+    {
+        std::lock_guard lock(m_queueMutex);
+        auto it = std::find_if(m_playQueue.begin(), m_playQueue.end(),
+                               [&](const playQueueItem_s& queued) { return queued.uuid == item.uuid; });
+        if (it == m_playQueue.end()) return;
+        // Orders and the index agree in playlist order, which is where deletions come from.
+        uint64_t order = it->order;
+        index = m_currTrackIndex.load();
+        if (order != index) {
+            if (order < index) m_currTrackIndex.store(index - 1);
+            eraseItem();
+            return;
+        }
     }
+
+    // The playing entry goes: the device stops before the queue changes under it.
+    stop(true);
+    bool playAgain = false;
+    {
+        std::lock_guard lock(m_queueMutex);
+        eraseItem();
+        // The entry that followed the deleted one now has its index, whatever the worker did
+        // while stopping.
+        m_currTrackIndex.store(index);
+        if (index < m_playQueue.size()) {
+            playAgain = true;
+        } else if (!m_playQueue.empty() && getPlayMode() == PLAYMODE_REPEAT_E && index == m_playQueue.size()) {
+            m_currTrackIndex.store(0);
+            playAgain = true;
+        }
+    }
+    if (playAgain) play();
 }
 
 void CPlayer::reorderPlayQueue(unsigned long from, unsigned long to) {
+    std::lock_guard lock(m_queueMutex);
+    reorderLocked_(from, to);
+}
+
+namespace {
+
+// Where the track numbered c lands when the entry at `from` moves to `to` and the entries in
+// between shift by one towards `from`.
+uint64_t shiftedTrack(uint64_t c, unsigned long from, unsigned long to) {
+    if (c == from) return to;
+    if (from < to && c > from && c <= to) return c - 1;
+    if (from > to && c >= to && c < from) return c + 1;
+    return c;
+}
+
+}  // namespace
+
+void CPlayer::reorderPlayQueueKeepingCurrent(unsigned long from, unsigned long to) {
+    std::lock_guard lock(m_queueMutex);
+    uint64_t current = currTrackLocked_();
+    reorderLocked_(from, to);
+    if (to >= m_playQueue.size()) return;
+    uint64_t shifted = shiftedTrack(current, from, to);
+    playMode_e mode = getPlayMode();
+    if (mode == PLAYMODE_NORMAL_E || mode == PLAYMODE_REPEAT_E || mode == PLAYMODE_REPEAT_ONE_E) {
+        m_currTrackIndex.store(shifted);
+        return;
+    }
+    for (size_t p = 0; p < m_playQueue.size(); ++p) {
+        if (m_playQueue[p].order == shifted) {
+            m_currTrackIndex.store(p);
+            return;
+        }
+    }
+    LOG_ERR("setCurrTrackIdByOrder failed");
+}
+
+bool CPlayer::stepCurrTrackIndex_(int delta) {
+    std::lock_guard lock(m_queueMutex);
+    size_t size = m_playQueue.size();
+    if (size == 0) return false;
+    uint64_t index = m_currTrackIndex.load();
+    if (index >= size) index = size - 1;
+    long long next = (static_cast<long long>(index) + delta) % static_cast<long long>(size);
+    if (next < 0) next += static_cast<long long>(size);
+    m_currTrackIndex.store(static_cast<uint64_t>(next));
+    return true;
+}
+
+void CPlayer::reorderLocked_(unsigned long from, unsigned long to) {
     size_t size = m_playQueue.size();
     if (size == 0 || from == to || to >= size) return;
 
@@ -181,10 +307,13 @@ void CPlayer::reorderPlayQueue(unsigned long from, unsigned long to) {
 
 int CPlayer::clearPlayQueue(bool withPlaylist) {
     stop(true);
-    m_playQueue.clear();
-    if (withPlaylist) {
-        m_playlistTitle.clear();
-        m_playlistID = -1;
+    {
+        std::lock_guard lock(m_queueMutex);
+        m_playQueue.clear();
+        if (withPlaylist) {
+            m_playlistTitle.clear();
+            m_playlistID = -1;
+        }
     }
     // Fails on the empty queue; its -1 is the documented result.
     return setCurrTrack(0);
@@ -196,6 +325,8 @@ void CPlayer::setPlayMode(playMode_e mode, unsigned long from, unsigned long to)
         LOG_WARN("play mode %d ignored", value);
         return;
     }
+    // The mode changes with the orders, so that getCurrTrack never reads one without the other.
+    std::lock_guard lock(m_queueMutex);
     playMode_e current = getPlayMode();
 
     if (isShuffleMode(mode)) {
@@ -239,34 +370,53 @@ void CPlayer::renumberQueue_() {
 
 // ---- tracks --------------------------------------------------------------------------------
 
-unsigned int CPlayer::getCurrTrack() const {
+unsigned int CPlayer::currTrackLocked_() const {
     uint64_t index = m_currTrackIndex.load();
     if (isShuffleMode(getPlayMode()) && index < m_playQueue.size())
         return static_cast<unsigned int>(m_playQueue[index].order);
     return static_cast<unsigned int>(index);
 }
 
+unsigned int CPlayer::getCurrTrack() const {
+    std::lock_guard lock(m_queueMutex);
+    return currTrackLocked_();
+}
+
+void CPlayer::setCurrTrackIndex_(uint64_t index) {
+    std::lock_guard lock(m_queueMutex);
+    m_currTrackIndex.store(index);
+}
+
 int CPlayer::setCurrTrack(unsigned int n) {
-    if (n >= m_playQueue.size()) return -1;
+    {
+        std::lock_guard lock(m_queueMutex);
+        if (n >= m_playQueue.size()) return -1;
+    }
     // RAOP, Chromecast and the local HDMI player get the soft stop when switching tracks.
     bool soft = (m_type & (playertype::kRaop | playertype::kChromecast | playertype::kLocalHdmi)) != 0;
     stop(!soft);
 
-    if (isShuffleMode(getPlayMode())) {
-        for (size_t p = 0; p < m_playQueue.size(); ++p) {
-            if (m_playQueue[p].order == n) {
-                m_currTrackIndex.store(p);
-                break;
+    bool empty;
+    {
+        std::lock_guard lock(m_queueMutex);
+        if (isShuffleMode(getPlayMode())) {
+            for (size_t p = 0; p < m_playQueue.size(); ++p) {
+                if (m_playQueue[p].order == n) {
+                    m_currTrackIndex.store(p);
+                    break;
+                }
             }
+        } else {
+            m_currTrackIndex.store(n);
         }
-    } else {
-        m_currTrackIndex.store(n);
+        empty = m_playQueue.empty();
     }
-    if (!m_playQueue.empty()) play();
+    if (!empty) play();
     return 0;
 }
 
 int CPlayer::setCurrTrackIdByOrder(unsigned int n) {
+    std::lock_guard lock(m_queueMutex);
     for (size_t p = 0; p < m_playQueue.size(); ++p) {
         if (m_playQueue[p].order == n) {
             m_currTrackIndex.store(p);
@@ -277,9 +427,13 @@ int CPlayer::setCurrTrackIdByOrder(unsigned int n) {
 }
 
 int CPlayer::setCurrTrackByContent(const char* content) {
-    if (m_playlistTitle.empty() || !content) return -1;
+    int id;
+    {
+        std::lock_guard lock(m_queueMutex);
+        if (m_playlistTitle.empty() || !content) return -1;
+        id = static_cast<int>(m_playlistID);
+    }
     CSqlitePlaylist& store = playlistStore();
-    int id = static_cast<int>(m_playlistID);
     // Long playlists are not scanned past this many entries.
     int size = store.getSizeOfPlaylist(id);
     size_t bound = size < 0 || size > 4000 ? 4000 : static_cast<size_t>(size);
@@ -288,81 +442,112 @@ int CPlayer::setCurrTrackByContent(const char* content) {
     for (size_t i = 0; i < bound; ++i) {
         playlistElm_t elm;
         if (store.getPlaylistElmByIndex(elm, id, static_cast<int>(i)) != 0 || elm.Content != content) continue;
-        if (m_playQueue.empty()) return -1;
-        // From the first match on, the scan is bounded by the queue instead.
-        bound = m_playQueue.size();
-        for (size_t p = 0; p < m_playQueue.size(); ++p) {
-            if (m_playQueue[p].uuid != static_cast<int64_t>(elm.UUID)) continue;
-            m_currTrackIndex.store(p);
-            stop(true);
-            play();
-            return 0;
+        size_t found = SIZE_MAX;
+        {
+            std::lock_guard lock(m_queueMutex);
+            if (m_playQueue.empty()) return -1;
+            // From the first match on, the scan is bounded by the queue instead.
+            bound = m_playQueue.size();
+            for (size_t p = 0; p < m_playQueue.size(); ++p) {
+                if (m_playQueue[p].uuid == static_cast<int64_t>(elm.UUID)) {
+                    found = p;
+                    break;
+                }
+            }
         }
+        if (found == SIZE_MAX) continue;
+        stop(true);
+        // After the stop, so that an advance the worker made meanwhile does not overrule it.
+        setCurrTrackIndex_(found);
+        play();
+        return 0;
     }
     return -1;
 }
 
 bool CPlayer::changeToNextTrack() {
-    size_t size = m_playQueue.size();
-    if (size == 0) return false;
-    uint64_t index = m_currTrackIndex.load() + 1;
-    m_currTrackIndex.store(index);
+    size_t size;
+    uint64_t index;
+    bool more = true;
+    {
+        std::lock_guard lock(m_queueMutex);
+        size = m_playQueue.size();
+        if (size == 0) return false;
+        index = m_currTrackIndex.load() + 1;
+        uint64_t next = index;
+        switch (getPlayMode()) {
+            case PLAYMODE_REPEAT_E:
+            case PLAYMODE_SHUFFLE_REPEAT_E:
+                if (index >= size) next = 0;
+                break;
+            case PLAYMODE_REPEAT_ONE_E:
+            case PLAYMODE_SHUFFLE_REPEAT_ONE_E: next = index - 1; break;
+            default:
+                if (index >= size) {
+                    next = size - 1;
+                    more = false;
+                }
+                break;
+        }
+        m_currTrackIndex.store(next);
+    }
     LOG_WARN("playQueue Size:%lu     currentTrack:%lu", static_cast<unsigned long>(size),
              static_cast<unsigned long>(index));
 
-    {
-        std::lock_guard lock(m_liveMutex);
-        m_currTime = "00:00:00";
-        m_totalTime = "00:00:00";
-        m_audioTrack = 0;
-        m_subtitleTrack = -1;
-        m_externalSubtitle.clear();
-    }
-
-    switch (getPlayMode()) {
-        case PLAYMODE_REPEAT_E:
-        case PLAYMODE_SHUFFLE_REPEAT_E:
-            if (index >= size) m_currTrackIndex.store(0);
-            return true;
-        case PLAYMODE_REPEAT_ONE_E:
-        case PLAYMODE_SHUFFLE_REPEAT_ONE_E:
-            m_currTrackIndex.store(index - 1);
-            return true;
-        default:
-            if (index >= size) {
-                m_currTrackIndex.store(size - 1);
-                return false;
-            }
-            return true;
-    }
+    std::lock_guard lock(m_liveMutex);
+    m_currTime = "00:00:00";
+    m_totalTime = "00:00:00";
+    m_audioTrack = 0;
+    m_subtitleTrack = -1;
+    m_externalSubtitle.clear();
+    return more;
 }
 
 int CPlayer::getPlaylistElmByIndex(playlistElm_s& elm, int index) {
-    if (index == -1) index = static_cast<int>(getCurrTrack());
-    return playlistStore().getPlaylistElmByIndex(elm, static_cast<int>(m_playlistID), index);
+    int id;
+    {
+        std::lock_guard lock(m_queueMutex);
+        if (index == -1) index = static_cast<int>(currTrackLocked_());
+        id = static_cast<int>(m_playlistID);
+    }
+    return playlistStore().getPlaylistElmByIndex(elm, id, index);
 }
 
 int CPlayer::getPlaylistElmByOrder(playlistElm_s& elm, int order) {
-    if (order == -1) order = static_cast<int>(getCurrTrack());
-    return playlistStore().getPlaylistElmByOrder(elm, static_cast<int>(m_playlistID), order);
+    int id;
+    {
+        std::lock_guard lock(m_queueMutex);
+        if (order == -1) order = static_cast<int>(currTrackLocked_());
+        id = static_cast<int>(m_playlistID);
+    }
+    return playlistStore().getPlaylistElmByOrder(elm, id, order);
 }
 
 void CPlayer::getStatus(playerStatus_s& status) {
-    status.currTrack = getCurrTrack();
-    status.totalTracks = static_cast<uint32_t>(getPlaylistSize());
+    int64_t playlistID;
+    unsigned int currTrack;
+    {
+        std::lock_guard lock(m_queueMutex);
+        currTrack = currTrackLocked_();
+        playlistID = m_playlistID;
+        status.currTrack = currTrack;
+        status.totalTracks = static_cast<uint32_t>(m_playQueue.size());
+        status.playlistTitle = m_playlistTitle;
+        status.appType = m_appType;
+        status.owner = m_owner;
+        status.tag = m_tag;
+    }
     status.playerType = m_type;
     status.playMode = getPlayMode();
     status.playerState = getPlayerState();
     status.deviceName = m_deviceName;
-    status.playlistTitle = m_playlistTitle;
-    status.appType = m_appType;
     status.currTime = getCurrTime();
-    status.owner = m_owner;
-    status.tag = m_tag;
 
     // No playlist, no entry: the store is not asked.
     playlistElm_t elm;  // unknown media and content types until read
-    if (m_playlistID < 1 || getPlaylistElmByIndex(elm, -1) != 0) elm = playlistElm_t();
+    if (playlistID < 1 ||
+        playlistStore().getPlaylistElmByIndex(elm, static_cast<int>(playlistID), static_cast<int>(currTrack)) != 0)
+        elm = playlistElm_t();
     status.trackType = trackTypeText(elm.MediaType);
     status.trackContentType = trackContentTypeText(elm.ContentType);
     status.trackContent = elm.Content;

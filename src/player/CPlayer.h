@@ -4,10 +4,12 @@
 // back-ends (one per kind of device) override the transport operations and run process() as the
 // player's thread.
 //
-// Locking: the base takes no lock for the queue, the playlist fields and the mode; the manager
-// holds the player's lock (getLock()) around every call it makes. A back-end's thread reports
-// state, times and the current index without that lock, so the state, mode and index are atomics
-// and the texts that thread writes sit behind m_liveMutex.
+// Locking: the manager holds the player's lock (getLock()) around every call it makes. A
+// back-end's thread must not take that lock (the manager holds it while stop() and pause() wait
+// for that thread), yet it advances the track and reads the queue and the playlist. So the base
+// guards the queue and the playlist fields with m_queueMutex, taken inside its own methods only,
+// and never held across a transport call, a playlist-store query or a helper program; the state,
+// mode and index are atomics, and the texts the back-end's thread writes sit behind m_liveMutex.
 #pragma once
 
 #include <pthread.h>
@@ -68,14 +70,22 @@ public:
     void setIP(const char* ip) { m_ip = ip ? ip : ""; }
     const std::string& getIP() const { return m_ip; }
 
-    // Playlist and queue.
+    // Playlist and queue. The reference accessors are for the manager, holding the player's lock:
+    // only it rewrites these fields (and always under that lock), so what it reads stays put.
+    // A back-end's thread, without that lock, uses the copies below.
     const char* getPlaylistTitle() const { return m_playlistTitle.empty() ? nullptr : m_playlistTitle.c_str(); }
     const std::string& getAppType() const { return m_appType; }
     const std::string& getOwner() const { return m_owner; }
     const std::string& getTag() const { return m_tag; }
-    int64_t getPlaylistID() const { return m_playlistID; }
-    size_t getPlaylistSize() const { return m_playQueue.size(); }
     const std::vector<playQueueItem_s>& getPlayQueue() const { return m_playQueue; }
+    // Copies, safe from any thread.
+    std::string playlistTitleCopy() const;
+    std::string appTypeCopy() const;
+    std::string ownerCopy() const;
+    std::string tagCopy() const;
+    std::vector<playQueueItem_s> playQueueCopy() const;
+    int64_t getPlaylistID() const;
+    size_t getPlaylistSize() const;
     playMode_e getPlayMode() const { return m_playMode.load(); }
     playerState_e getPlayerState() const { return m_playerState.load(); }
 
@@ -87,6 +97,9 @@ public:
     void addItemToPlayQueue(playQueueItem_s& item);
     void delItemFromPlayQueue(playQueueItem_s& item);
     void reorderPlayQueue(unsigned long from, unsigned long to);
+    // Reorders and keeps the track that was playing current, in one step (a worker advancing
+    // meanwhile cannot be lost or misplaced). Used when the playlist itself was reordered.
+    void reorderPlayQueueKeepingCurrent(unsigned long from, unsigned long to);
     // Stops and empties the queue (and forgets the playlist when withPlaylist). Returns -1.
     int clearPlayQueue(bool withPlaylist);
     // from/to bound the part of the queue a shuffle touches; 0, 0 is the whole queue.
@@ -96,7 +109,10 @@ public:
     unsigned int getCurrTrack() const;
     uint64_t getCurrTrackIndex() const { return m_currTrackIndex.load(); }
     // Moves the index only; the device is not told.
-    void setCurrTrackIndex_(uint64_t index) { m_currTrackIndex.store(index); }
+    void setCurrTrackIndex_(uint64_t index);
+    // Moves the current index by delta round the queue (a ring, whatever the play mode) in one
+    // step; false on an empty queue.
+    bool stepCurrTrackIndex_(int delta);
     int setCurrTrack(unsigned int n);
     int setCurrTrackIdByOrder(unsigned int n);
     int setCurrTrackByContent(const char* content);
@@ -213,24 +229,42 @@ protected:
     void setConvertedSubtitlePath(const std::string& path);
 
 private:
+    // What loading a playlist reads from the store, gathered without m_queueMutex and then
+    // published under it in one go.
+    struct LoadedPlaylist {
+        std::string owner;
+        std::string tag;
+        std::vector<playQueueItem_s> queue;
+    };
+    static LoadedPlaylist readPlaylist_(int64_t playlistID);
+    // The callers below hold m_queueMutex.
     void shuffle_(unsigned long from, unsigned long to);
     void renumberQueue_();
+    unsigned int currTrackLocked_() const;
+    void reorderLocked_(unsigned long from, unsigned long to);
 
-    int64_t m_playlistID = -1;
     const uint32_t m_type;
-    std::atomic<playMode_e> m_playMode{PLAYMODE_NORMAL_E};
+    std::atomic<playMode_e> m_playMode{PLAYMODE_NORMAL_E};  // written under m_queueMutex
     std::atomic<playerState_e> m_playerState{STATE_STOP_E};
     std::atomic<int> m_slideShowDelay{5};
-    std::string m_appType;
     std::string m_renderID;
     std::string m_deviceName;
+    std::string m_ip;
+    int32_t m_tid = 0;
+
+    // Guards the playlist and the queue below: the manager rewrites them while a back-end's
+    // thread advances and reads them. Held for a copy or an edit, never across a virtual call,
+    // a store query or a helper program (stop() waits for a thread that may be waiting here).
+    mutable std::mutex m_queueMutex;
+    int64_t m_playlistID = -1;
     std::string m_playlistTitle;
+    std::string m_appType;
     std::string m_owner;
     std::string m_tag;
-    std::string m_ip;
     std::vector<playQueueItem_s> m_playQueue;
+    // Read without the mutex; written only under it, so that an advance and an edit that
+    // shifts the index never interleave.
     std::atomic<uint64_t> m_currTrackIndex{0};
-    int32_t m_tid = 0;
 
     // Guards the texts and numbers below, which the back-end thread rewrites as playback goes on.
     mutable std::mutex m_liveMutex;

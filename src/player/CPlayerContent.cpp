@@ -336,7 +336,7 @@ int CPlayer::savePlayHistory() {
         return -1;
     }
     std::string uid;
-    if (getUserId(getOwner(), uid) != 0) return -1;
+    if (getUserId(ownerCopy(), uid) != 0) return -1;
 
     Argv argv{approot::path(kHistory), "savePlayHistory"};
     if (elm.ContentType == CONTENT_FILE_E || elm.ContentType == CONTENT_OBJECT_E) {
