@@ -5,12 +5,15 @@
 #include "core/CoreCommands.h"
 #include "core/PlayerCommands.h"
 #include "core/PlaylistCommands.h"
+#include "discovery/RenderListing.h"
 
 namespace {
 
 // In the order requests are matched. Commands whose subsystem is not built in yet are absent
 // and answer as unknown.
 const commandEntry_s kCommands[] = {
+    {"ListRender", list_render},
+    {"ListUnknowRender", list_unknow_render},
     {"GetUpnpObjectID", get_upnp_object_id},
     {"SizeOfPlaylist", size_of_playlist},
     {"ListPlaylist", list_playlist},

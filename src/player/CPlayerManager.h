@@ -111,9 +111,8 @@ public:
     void delItemFromPlayQueue(const char* title, uint64_t uuid);
     void reorderPlayQueue(const std::string& title, size_t from, size_t to);
     void updatePlayModeByPlaylist(const char* title, const char* appType);
-    // Appends the entry just added behind the queue's end (and moves it to position when that
-    // is not negative). The caller holds the collection lock, the players' locks and the store's.
-    void addLastItemInPlayQueueWithNoLock(int playlistID, int position);
+    // Appends the entry just added to the playlist to the queue of each player of title (at
+    // position when that is not negative).
     void addLastItemInPlayQueue(const char* title, int position);
     // Re-reads the queue of every player of the playlist after entries were added or removed.
     void updateAssociatePlayQueue(int playlistID);

@@ -58,36 +58,10 @@ void CPlayerManager::delItemFromPlayQueue(const char* title, uint64_t uuid) {
     });
 }
 
-namespace {
-
-// Where the track numbered c lands when the entry at `from` moves to `to` and the entries in
-// between shift by one towards `from`.
-uint64_t shiftedTrack(uint64_t c, size_t from, size_t to) {
-    if (c == from) return to;
-    if (from < to && c > from && c <= to) return c - 1;
-    if (from > to && c >= to && c < from) return c + 1;
-    return c;
-}
-
-bool isShuffleQueue(playMode_e mode) {
-    return mode == PLAYMODE_SHUFFLE_E || mode == PLAYMODE_SHUFFLE_REPEAT_E || mode == PLAYMODE_SHUFFLE_REPEAT_ONE_E;
-}
-
-}  // namespace
 
 void CPlayerManager::reorderPlayQueue(const std::string& title, size_t from, size_t to) {
     ThreadReadLock collectionLock(m_rwLock);
-    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
-        uint64_t current = player.getCurrTrack();
-        player.reorderPlayQueue(from, to);
-        if (to >= player.getPlaylistSize()) return;
-        uint64_t shifted = shiftedTrack(current, from, to);
-        if (!isShuffleQueue(player.getPlayMode())) {
-            player.setCurrTrackIndex_(shifted);
-        } else if (player.setCurrTrackIdByOrder(static_cast<unsigned int>(shifted)) != 0) {
-            LOG_ERR("setCurrTrackIdByOrder failed");
-        }
-    });
+    forEachPlayerOfTitle_(title, [&](CPlayer& player) { player.reorderPlayQueueKeepingCurrent(from, to); });
 }
 
 void CPlayerManager::updatePlayModeByPlaylist(const char* title, const char* appType) {
@@ -118,15 +92,6 @@ void appendNewEntry(CPlayer& player, const playlistElm_s& entry, int position) {
 }
 
 }  // namespace
-
-void CPlayerManager::addLastItemInPlayQueueWithNoLock(int playlistID, int position) {
-    for (const auto& player : m_playerCollection) {
-        if (player->getPlaylistID() != playlistID) continue;
-        playlistElm_s entry;
-        if (playlistStore().getPlaylistElmByIndex_NOLOCK(entry, playlistID, newEntryIndex(*player, position)) == 0)
-            appendNewEntry(*player, entry, position);
-    }
-}
 
 void CPlayerManager::addLastItemInPlayQueue(const char* title, int position) {
     if (!title) return;

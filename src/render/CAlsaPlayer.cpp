@@ -298,10 +298,7 @@ int CAlsaPlayer::stop(bool /*force*/) {
 }
 
 int CAlsaPlayer::next() {
-    size_t size = getPlaylistSize();
-    if (size == 0) return -1;
-    uint64_t index = getCurrTrackIndex() + 1;
-    setCurrTrackIndex_(index >= size ? 0 : index);
+    if (!stepCurrTrackIndex_(+1)) return -1;
     {
         std::lock_guard lock(m_waitMutex);
         ++m_trackRequest;
@@ -311,10 +308,7 @@ int CAlsaPlayer::next() {
 }
 
 int CAlsaPlayer::previous() {
-    size_t size = getPlaylistSize();
-    if (size == 0) return -1;
-    uint64_t index = getCurrTrackIndex();
-    setCurrTrackIndex_(index == 0 || index > size ? size - 1 : index - 1);
+    if (!stepCurrTrackIndex_(-1)) return -1;
     {
         std::lock_guard lock(m_waitMutex);
         ++m_trackRequest;

@@ -1,0 +1,246 @@
+#include "discovery/RenderListing.h"
+
+#include <strings.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "core/util/AppRoot.h"
+#include "core/util/Log.h"
+#include "discovery/AvahiParse.h"
+#include "discovery/DiscoveryProcess.h"
+#include "discovery/ParamXmlWrapper.h"
+#include "player/CPlayerManager.h"
+#include "player/PlayerTypes.h"
+#include "player/ThreadLock.h"
+
+using namespace ParamXmlWrapper;
+
+namespace renderlisting {
+
+namespace {
+
+struct renderTypeName_s {
+    uint32_t bit;
+    const char* name;
+};
+const renderTypeName_s kRenderTypes[] = {
+    {kFilterDlna, "dlna"},   {kFilterAirplay, "airplay"},   {kFilterChromecast, "chromecast"},
+    {kFilterAlsa, "alsa"},   {kFilterTavriner, "tavriner"}, {0, nullptr},
+};
+
+// The listings that are reused between refreshes. One per process; its lock also makes
+// concurrent listing commands take turns.
+struct listingCache_s {
+    std::mutex lock;
+    std::optional<time_t> lastRefresh;
+    bool refreshed = false;  // whether the current listing ran the programs
+    std::string agentList;   // the media agent's renderer list
+    std::string castBrowse;  // the resolved Chromecast lines of avahi-browse
+    Clock clock = nullptr;
+
+    time_t now() const { return clock ? clock() : ::time(nullptr); }
+};
+
+listingCache_s& listingCache() {
+    static listingCache_s cache;
+    return cache;
+}
+
+long secondsSince(time_t start) { return static_cast<long>(::time(nullptr) - start); }
+
+}  // namespace
+
+uint32_t parseRenderTypeMask(const char* text) {
+    if (!text) return 0;
+    if (std::strstr(text, "0x")) return static_cast<uint32_t>(std::strtoul(text, nullptr, 16));
+    uint32_t mask = 0;
+    std::string_view rest(text);
+    while (true) {
+        const size_t plus = rest.find('+');
+        const std::string name(rest.substr(0, plus));
+        for (const renderTypeName_s* row = kRenderTypes; row->name; ++row)
+            if (strcasecmp(row->name, name.c_str()) == 0) mask |= row->bit;
+        if (plus == std::string_view::npos) break;
+        rest.remove_prefix(plus + 1);
+    }
+    return mask;
+}
+
+bool isModlEnabled() {
+    std::string out;
+    if (discovery::runListing({approot::path("/sbin/yarrow"), "-f", approot::path("/etc/config/modl.conf"), "-d",
+                               "FALSE", "-c", "XUMA", "Enable"},
+                              out, 10) != 0)
+        return false;
+    if (out.empty()) {
+        LOG_ERR("Error when check is modl enable");
+        return false;
+    }
+    return out.compare(0, 4, "TRUE") == 0;
+}
+
+void updateRenderCache(CPlayerManager& playerManager, XMLNode& reply) {
+    using namespace playertype;
+    ThreadWriteLock lock(playerManager.getRWLock());
+    playerManager.clearRenderFoundFlags_();
+
+    int i = 0;
+    for (XMLNode dev = reply.getChildNode("device", &i); !dev.isEmpty(); dev = reply.getChildNode("device", &i)) {
+        const char* name = dev.getChildNode("deviceName").getText();
+        const char* id = dev.getChildNode("deviceId").getText();
+        const char* ip = dev.getChildNode("ip").getText();
+        XMLNode typeNode = dev.getChildNode("type");
+        const char* caps = typeNode.getText();
+        if (!caps || !*caps || !name || !*name || !id || !*id) continue;
+
+        const char* kind = dev.getAttribute("Type");
+        const char* protocol = typeNode.getAttribute("protocol");
+        uint32_t type = 0;
+        bool raop = false;
+        if (kind && std::strcmp(kind, "DLNA") == 0) {
+            type = kDlna;
+        } else if (kind && std::strcmp(kind, "ALSA") == 0) {
+            type = kAlsa;
+            const char* sub = dev.getAttribute("Subtype");
+            if (sub && std::strcmp(sub, "ANALOG") == 0) type |= kAlsaAnalog;
+            else if (sub && std::strcmp(sub, "HDMI") == 0) type |= kAlsaHdmi;
+            else if (sub && std::strcmp(sub, "USB") == 0) type |= kAlsaUsb;
+        } else if (kind && std::strcmp(kind, "TAVRINER") == 0) {
+            type = kLocalHdmi;
+        } else if (protocol && std::strcmp(protocol, "airplay") == 0) {
+            type = kAirplay;
+        } else if (protocol && std::strcmp(protocol, "chromecast") == 0) {
+            type = kChromecast;
+        } else if (protocol && std::strcmp(protocol, "raop") == 0) {
+            type = kRaop;
+            raop = true;
+        } else {
+            continue;
+        }
+        // A video renderer is marked as showing photos too.
+        if (std::strstr(caps, "video")) type |= kCapVideo | kCapPhoto;
+        if (std::strstr(caps, "audio")) type |= kCapAudio;
+
+        if (raop) {
+            // Only receivers that take PCM in an encryption the sender has are usable.
+            const char* cn = typeNode.getAttribute("cn");
+            const char* et = typeNode.getAttribute("et");
+            if (!cn || std::strcmp(cn, "pcm") != 0 || !et || std::strcmp(et, "notSupport") == 0) continue;
+            playerManager.addRenderInCache(id, name, ip, type, et, std::atoi(xmltoa(typeNode.getAttribute("port"))),
+                                           "", "");
+        } else if (type & kAlsa) {
+            playerManager.addRenderInCache(id, name, ip, type, nullptr, 7000, xmltoa(dev.getAttribute("card")),
+                                           xmltoa(dev.getAttribute("device")));
+        } else {
+            playerManager.addRenderInCache(id, name, ip, type, nullptr, 7000, "", "");
+        }
+    }
+}
+
+void setClock(Clock clock) {
+    listingCache_s& cache = listingCache();
+    std::lock_guard<std::mutex> lock(cache.lock);
+    cache.clock = clock;
+}
+
+void resetCache() {
+    listingCache_s& cache = listingCache();
+    std::lock_guard<std::mutex> lock(cache.lock);
+    cache.lastRefresh.reset();
+    cache.refreshed = false;
+    cache.agentList.clear();
+    cache.castBrowse.clear();
+}
+
+}  // namespace renderlisting
+
+int list_render(CPlayerManager& playerManager, XMLNode& request, XMLNode& answer) {
+    using namespace renderlisting;
+    const bool modlEnabled = isModlEnabled();
+
+    uint32_t mask = 0;
+    XMLNode typeParam;
+    if (get_param_node_with_check_text(request, typeParam, "renderType") == 0)
+        mask = parseRenderTypeMask(typeParam.getText());
+    auto wanted = [mask](uint32_t bit) { return mask == 0 || (mask & bit) != 0; };
+
+    create_status_xml_doc(answer, "0", nullptr);
+    {
+        listingCache_s& cache = listingCache();
+        std::lock_guard<std::mutex> lock(cache.lock);
+        const time_t now = cache.now();
+        cache.refreshed = !cache.lastRefresh || now - *cache.lastRefresh > kRefreshSeconds;
+        if (cache.refreshed) cache.lastRefresh = now;
+
+        time_t start = ::time(nullptr);
+        if (wanted(kFilterDlna)) {
+            if (cache.refreshed) {
+                std::string out;
+                if (discovery::runListing({approot::path("/usr/bin/tessaly"), "-c", "list"}, out) != 0)
+                    LOG_ERR("tessaly ... fail");
+                else
+                    cache.agentList = std::move(out);
+            }
+            dlna_device_doc_gen(cache.agentList, answer);
+        }
+        LOG_TRACE("using %ld sec for list DLNA", secondsSince(start));
+
+        // AirPlay receivers are not browsed: only the Chromecast bit asks for mDNS.
+        start = ::time(nullptr);
+        if (modlEnabled && wanted(kFilterChromecast)) {
+            if (cache.refreshed) {
+                std::string out;
+                if (discovery::runListing(
+                        {approot::path("/usr/sbin/avahi-browse"), "-rkpt", "_googlecast._tcp"}, out) != 0)
+                    LOG_ERR("tessaly ... fail");
+                else
+                    cache.castBrowse = discovery::keepLinesContaining(out, "=;");
+            }
+            if (gen_avahi_device(1, cache.castBrowse, answer) != 0) LOG_ERR("Airplay ... fail");
+        }
+        LOG_TRACE("using %ld sec for list airplay and chromecast", secondsSince(start));
+
+        start = ::time(nullptr);
+        if (modlEnabled && wanted(kFilterAlsa)) {
+            const std::vector<std::string> outputsCmd{approot::path("/tmp/larkd/bin/mpc"), "-p", "8893", "outputs"};
+            std::string outputs;
+            // A restart of the music service brings back a lost analog output: list it again.
+            if (discovery::runListing(outputsCmd, outputs) == 0 && alsa_device_doc_gen(outputs, answer, 0) != 0 &&
+                discovery::runListing(outputsCmd, outputs) == 0)
+                alsa_device_doc_gen(outputs, answer, 1);
+        }
+        LOG_TRACE("using %ld sec for list alsa", secondsSince(start));
+        LOG_TRACE("using %ld sec for list tavriner", 0L);
+    }
+
+    if (answer.nChildNode("device") > 0) updateRenderCache(playerManager, answer);
+    add_media_dash_attr(answer);
+    return 0;
+}
+
+int list_unknow_render(CPlayerManager&, XMLNode&, XMLNode& answer) {
+    create_status_xml_doc(answer, "0", nullptr);
+
+    // With the media-server package present its own listing names these receivers.
+    std::string package;
+    if (discovery::runListing({approot::path("/sbin/yarrow"), "XUMA", "Name", "-d", "null", "-f",
+                               approot::path("/etc/config/modl.conf")},
+                              package, 2047) == 0 &&
+        !package.empty() && package.find("null") == std::string::npos)
+        return 0;
+
+    std::string out;
+    if (discovery::runListing({approot::path("/usr/sbin/avahi-browse"), "-krpt", "_googlecast._tcp"}, out) != 0)
+        return 0;
+    for (const std::string& name : parseUnknowRenderNames(discovery::keepLinesContaining(out, "=;"))) {
+        XMLNode device = answer.addChild("device");
+        device.addAttribute("Type", "Chromecast");
+        add_child_node(device, "deviceName", name.c_str());
+    }
+    return 0;
+}

@@ -1,0 +1,151 @@
+// Reading avahi-browse's parsable output into device elements.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "DiscoveryTestSupport.h"
+#include "discovery/AvahiParse.h"
+
+namespace {
+
+const std::string kCastKitchen =
+    "=;eth0;IPv4;Kitchen\\032Speaker;_googlecast._tcp;local;k.local;192.168.1.21;8009;"
+    "\"id=kk22\" \"md=Google Nest Audio\" \"ic=/setup/icon.png\" \"fn=Kitchen\" \"ca=2052\"";
+const std::string kCastTv =
+    "=;eth0;IPv4;Living\\032Room;_googlecast._tcp;local;t.local;192.168.1.20;8009;"
+    "\"id=tv11\" \"md=Chromecast\" \"ic=/setup/icon.png\" \"fn=Living Room TV\" \"st=0\"";
+
+XMLNode reply() { return XMLNode::createXMLTopNode("root"); }
+
+}  // namespace
+
+TEST(DecodeAvahi, UndoesDecimalAndCharacterEscapes) {
+    struct {
+        const char* in;
+        const char* out;
+    } cases[] = {
+        {"Living\\032Room", "Living Room"},
+        {"a\\059b\\092c", "a;b\\c"},
+        {"Bob\\'s\\.TV", "Bob's.TV"},
+        {"x\\03", "x03"},  // too short for a decimal escape: the backslash alone goes
+        {"end\\", "end"},
+    };
+    for (const auto& c : cases) {
+        std::string out;
+        EXPECT_EQ(decodeAvahi(c.in, out), 0);
+        EXPECT_EQ(out, c.out) << c.in;
+    }
+    std::string out;
+    EXPECT_EQ(decodeAvahi("", out), 1);
+    EXPECT_EQ(decodeAvahi(nullptr, out), 1);
+}
+
+TEST(ParseDevices, ChromecastDeviceCarriesNameAddressTxtAndType) {
+    XMLNode root = reply();
+    ASSERT_EQ(parseDevices(kCastTv + "\n" + kCastKitchen, root, AVAHI_CHROMECAST_E), 0);
+    ASSERT_EQ(root.nChildNode("device"), 2);
+
+    XMLNode tv = root.getChildNode("device", 0);
+    EXPECT_STREQ(tv.getAttribute("Type"), "Chromecast");
+    EXPECT_STREQ(childText(tv, "deviceName"), "Living Room TV");  // fn wins over the service name
+    EXPECT_STREQ(tv.getChildNode("ip").getAttribute("interface"), "eth0");
+    EXPECT_STREQ(childText(tv, "deviceId"), "tv11");
+    EXPECT_STREQ(childText(tv, "type"), "video,photo,audio");
+    EXPECT_STREQ(tv.getChildNode("type").getAttribute("protocol"), "chromecast");
+    EXPECT_STREQ(tv.getChildNode("type").getAttribute("port"), "8009");
+    const char* order[] = {"deviceName", "ip", "deviceId", "model", "type", "icon", "location"};
+    ASSERT_EQ(tv.nChildNode(), 7);
+    for (int i = 0; i < 7; ++i) EXPECT_STREQ(tv.getChildNode(i).getName(), order[i]);
+
+    // A speaker-only receiver is listed for audio alone.
+    EXPECT_STREQ(childText(root.getChildNode("device", 1), "type"), "audio");
+}
+
+TEST(ParseDevices, SkipsUnresolvedAndMalformedLinesAndRepeats) {
+    const std::string other = kCastTv.substr(0, kCastTv.find("192.168.1.20")) + "192.168.1.99;8009;\"id=tv99\"";
+    std::string wlan = kCastTv;
+    wlan.replace(2, 4, "wlan0");
+    const std::string text = "+;eth0;IPv4;Living\\032Room;_googlecast._tcp;local\n"  // not resolved
+                             "=;eth0;IPv4;Broken;_googlecast._tcp\n"                 // too few fields
+                             "\n" +
+                             kCastTv + "\n" + wlan + "\n" + other;
+    XMLNode root = reply();
+    ASSERT_EQ(parseDevices(text, root, AVAHI_CHROMECAST_E), 0);
+    // The same service on a second interface with the same address is one device; another
+    // address is another device.
+    ASSERT_EQ(root.nChildNode("device"), 2);
+    EXPECT_STREQ(root.getChildNode("device", 0).getChildNode("ip").getAttribute("interface"), "eth0");
+    EXPECT_STREQ(childText(root.getChildNode("device", 1), "ip"), "192.168.1.99");
+    // Without fn the decoded service name stays.
+    EXPECT_STREQ(childText(root.getChildNode("device", 1), "deviceName"), "Living Room");
+
+    EXPECT_EQ(parseDevices("", root, AVAHI_CHROMECAST_E), -1);
+}
+
+TEST(ParseDevices, RecordRepeatingItsIdIsDropped) {
+    XMLNode root = reply();
+    ASSERT_EQ(parseDevices("=;eth0;IPv4;Twice;_googlecast._tcp;local;h;10.0.0.5;8009;\"id=a1\" \"id=a1\"\n" + kCastTv,
+                           root, AVAHI_CHROMECAST_E),
+              0);
+    ASSERT_EQ(root.nChildNode("device"), 1);
+    EXPECT_STREQ(childText(root.getChildNode("device"), "deviceId"), "tv11");
+}
+
+TEST(ParseAvahiTxt, AirplayKeysAndAuthMethods) {
+    struct {
+        const char* txt;
+        const char* forceAuth;
+        const char* method;
+    } cases[] = {
+        {"\"deviceid=58:55:CA:1A:2B:3C\" \"model=AppleTV3,2\" \"pw=1\"", "0", "Password"},
+        {"\"deviceid=58:55:CA:1A:2B:3C\" \"pin=1\"", "0", "Passcode"},
+        {"\"deviceid=58:55:CA:1A:2B:3C\" \"psi=x\"", "1", "First-Time Passcode"},
+        {"\"deviceid=58:55:CA:1A:2B:3C\" \"psi=x\" \"pw=1\"", "1", "Password"},
+        {"\"deviceid=58:55:CA:1A:2B:3C\" \"flags=0x4\"", "0", "(none)"},
+    };
+    for (const auto& c : cases) {
+        XMLNode dev = XMLNode::createXMLTopNode("device");
+        ASSERT_EQ(parseAvahiTxt(c.txt, dev, AVAHI_AIRPLAY_E), 0) << c.txt;
+        EXPECT_STREQ(childText(dev, "deviceId"), "5855CA1A2B3C");
+        EXPECT_STREQ(childText(dev, "mac"), "58:55:CA:1A:2B:3C");
+        EXPECT_STREQ(childText(dev, "forceAuth"), c.forceAuth) << c.txt;
+        EXPECT_STREQ(childText(dev, "authMethod"), c.method) << c.txt;
+    }
+    XMLNode dev = XMLNode::createXMLTopNode("device");
+    EXPECT_EQ(parseAvahiTxt("\"deviceid=58:55:CA:1A:2B:3C\" \"deviceid=58-55\" \"deviceid=58:55:CA:1A:2B:3C\"", dev,
+                            AVAHI_AIRPLAY_E),
+              -1);
+    EXPECT_EQ(parseAvahiTxt("", dev, AVAHI_AIRPLAY_E), 1);
+    EXPECT_EQ(parseAvahiTxt(nullptr, dev, AVAHI_AIRPLAY_E), 1);
+    // Chromecast keys mean nothing to an AirPlay listing and the other way round.
+    XMLNode cast = XMLNode::createXMLTopNode("device");
+    EXPECT_EQ(parseAvahiTxt("\"deviceid=58:55:CA:1A:2B:3C\" \"model=X\" \"md=Nest\"", cast, AVAHI_CHROMECAST_E), 0);
+    EXPECT_STREQ(childText(cast, "model"), "Nest");
+    EXPECT_EQ(cast.nChildNode(), 1);
+}
+
+TEST(GenAvahiDevice, DropsTheFinalNewlineAndPicksTheListing) {
+    XMLNode root = reply();
+    EXPECT_EQ(gen_avahi_device(1, "", root), 0);
+    EXPECT_EQ(root.nChildNode(), 0);
+
+    ASSERT_EQ(gen_avahi_device(1, kCastTv + "\n", root), 0);
+    // Without the newline the last character of the last line is what goes.
+    ASSERT_EQ(gen_avahi_device(1, kCastKitchen, root), 0);
+    ASSERT_EQ(root.nChildNode("device"), 2);
+    EXPECT_STREQ(childText(root.getChildNode("device", 0), "deviceName"), "Living Room TV");
+    EXPECT_STREQ(childText(root.getChildNode("device", 1), "deviceName"), "Kitchen");
+
+    XMLNode air = reply();
+    ASSERT_EQ(gen_avahi_device(0,
+                               "=;eth0;IPv4;Media\\032Box;_airplay._tcp;local;m;10.0.0.8;7000;"
+                               "\"deviceid=00:11:22:33:44:55\" \"model=Xbmc,1\"\n",
+                               air),
+              0);
+    XMLNode dev = air.getChildNode("device");
+    EXPECT_STREQ(dev.getAttribute("Type"), "AirPlay");
+    EXPECT_STREQ(childText(dev, "type"), "video,photo");
+    EXPECT_STREQ(dev.getChildNode("type").getAttribute("protocol"), "airplay");
+    EXPECT_STREQ(childText(dev, "icon"), "v3_menu/multizone/airplay");
+    EXPECT_STREQ(childText(dev, "forceAuth"), "0");
+}

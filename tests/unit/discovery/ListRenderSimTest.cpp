@@ -1,0 +1,245 @@
+// ListRender and ListUnknowRender through the command table, on a simulated appliance: its
+// media agent lists two DLNA renderers, avahi-browse two Chromecast receivers (one of them on
+// two interfaces) and the shared MPD three local outputs.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "DiscoveryTestSupport.h"
+#include "client/VelmoraClient.h"
+#include "core/CommandTable.h"
+#include "discovery/RenderListing.h"
+#include "player/CPlayerManager.h"
+#include "player/PlayerTypes.h"
+#include "player/ThreadLock.h"
+
+namespace {
+
+const char kTvId[] = "uuid:5f9ec1b3-ed59-49bb-8530-745e1d0a1c01";
+const char kSpeakerId[] = "uuid:0b7d3c22-4a61-4f0e-9d2a-3e5c7b9a8f12";
+const char kLivingCastId[] = "7f3a0c1e5d2b4c8a9e6f1a2b3c4d5e6f";
+const char kKitchenCastId[] = "9c2e41d7b0a54f3e8a1b2c3d4e5f6a7b";
+
+}  // namespace
+
+class ListRenderSimTest : public DiscoveryRootTest {
+protected:
+    void SetUp() override {
+        DiscoveryRootTest::SetUp();
+        std::ofstream(s_root + "/var/sim/calls.log", std::ios::trunc);
+        renderlisting::resetCache();
+        s_now = 1'000'000;
+        renderlisting::setClock([] { return s_now; });
+        manager = std::make_unique<CPlayerManager>(3600);
+    }
+    void TearDown() override {
+        manager.reset();
+        renderlisting::setClock(nullptr);
+        renderlisting::resetCache();
+        DiscoveryRootTest::TearDown();
+    }
+
+    int run(const std::string& command, const vclient::Params& params = {}) {
+        XMLNode request = XMLNode::parseString(vclient::buildRequest(command, params), "root");
+        answer = XMLNode();
+        commandHandler_t handler = findCommand(command.c_str());
+        EXPECT_NE(handler, nullptr) << command;
+        return handler ? handler(*manager, request, answer) : -7;
+    }
+    int listRender(const char* renderType = nullptr) {
+        return renderType ? run("ListRender", {{"renderType", renderType}}) : run("ListRender");
+    }
+
+    // The listed devices by deviceId.
+    std::map<std::string, XMLNode> devices() {
+        std::map<std::string, XMLNode> out;
+        for (int i = 0; i < answer.nChildNode("device"); ++i) {
+            XMLNode d = answer.getChildNode("device", i);
+            out[childText(d, "deviceId")] = d;
+        }
+        return out;
+    }
+    std::multiset<std::string> kinds() {
+        std::multiset<std::string> out;
+        for (int i = 0; i < answer.nChildNode("device"); ++i)
+            out.insert(xmltoa(answer.getChildNode("device", i).getAttribute("Type")));
+        return out;
+    }
+    renderCacheInfo_s cached(const std::string& id) {
+        ThreadReadLock lock(manager->getRWLock());
+        renderCacheInfo_s r;
+        r.type = 0xdeadu;  // stays when the render is not cached
+        manager->searchRenderInCache_(id, r);
+        return r;
+    }
+    // Runs of a fake since the test began whose arguments contain `argument`.
+    static int calls(const std::string& program, const std::string& argument) {
+        std::ifstream in(s_root + "/var/sim/calls.log");
+        std::string line;
+        int n = 0;
+        while (std::getline(in, line))
+            if (line.rfind(program + " ", 0) == 0 && line.find("\"" + argument + "\"") != std::string::npos) ++n;
+        return n;
+    }
+
+    static void simctl(std::vector<std::string> args) {
+        args.insert(args.begin(), s_root + "/var/sim/simctl");
+        ProcessOptions opts;
+        opts.timeoutMs = 10000;
+        opts.capture = ProcessOptions::Capture::Both;
+        const ProcessResult r = runProcess(args, opts);
+        ASSERT_TRUE(r.ok()) << r.output;
+    }
+
+    static inline time_t s_now = 0;
+    std::unique_ptr<CPlayerManager> manager;
+    XMLNode answer;
+};
+
+TEST_F(ListRenderSimTest, ListsEverySourceAndFillsTheRenderCache) {
+    using namespace playertype;
+    ASSERT_EQ(listRender(), 0);
+    EXPECT_STREQ(childText(answer, "status"), "0");
+    EXPECT_EQ(kinds(), (std::multiset<std::string>{"DLNA", "DLNA", "Chromecast", "Chromecast", "ALSA", "ALSA", "ALSA"}));
+    auto devs = devices();
+
+    XMLNode tv = devs[kTvId];
+    EXPECT_STREQ(childText(tv, "deviceName"), "Living Room TV");
+    EXPECT_STREQ(childText(tv, "modelName"), "Sim TV 55");
+    EXPECT_STREQ(childText(tv, "icon"), "v3_menu/multizone/dlna");
+
+    // Seen on eth0 and eth1 at one address: listed once, under its decoded service name.
+    XMLNode living = devs[kLivingCastId];
+    EXPECT_STREQ(childText(living, "deviceName"), "Living Room");
+    EXPECT_STREQ(living.getChildNode("ip").getAttribute("interface"), "eth0");
+    EXPECT_STREQ(childText(living, "type"), "video,photo,audio");
+    XMLNode kitchen = devs[kKitchenCastId];
+    EXPECT_STREQ(childText(kitchen, "deviceName"), "Kitchen speaker");
+    EXPECT_STREQ(childText(kitchen, "type"), "audio");
+
+    XMLNode usb = devs["usb_dac"];
+    EXPECT_STREQ(usb.getAttribute("Subtype"), "USB");
+    EXPECT_STREQ(usb.getAttribute("card"), "1");
+    EXPECT_STREQ(usb.getAttribute("device"), "0");
+    EXPECT_STREQ(childText(usb, "cardStatus"), "closed");
+    EXPECT_STREQ(childText(usb, "ip"), "1");
+    EXPECT_STREQ(childText(usb, "allow_apps"), "music,video");
+    EXPECT_STREQ(childText(usb, "inuse_apps"), "music");
+    EXPECT_EQ(usb.getChildNode("Attributes").nChildNode("Attr"), 2);
+    XMLNode hdmi = devs["HDMI_hdmi-3"];
+    EXPECT_STREQ(hdmi.getAttribute("Subtype"), "HDMI");
+    // The platform's monitor-name filter strikes the letters of "monitor_name" from the line.
+    EXPECT_STREQ(childText(hdmi, "firendlyName"), "Living Room TV");
+    EXPECT_TRUE(hdmi.getChildNode("allow_apps").isEmpty());
+    EXPECT_STREQ(devs["analog"].getAttribute("Subtype"), "ANALOG");
+
+    EXPECT_EQ(cached(kTvId).type, kDlna | kCapVideo | kCapPhoto | kCapAudio);
+    EXPECT_EQ(cached(kTvId).IP, "192.168.1.30");
+    EXPECT_EQ(cached(kSpeakerId).type, kDlna | kCapAudio);
+    EXPECT_EQ(cached(kLivingCastId).type, kChromecast | kCapVideo | kCapPhoto | kCapAudio);
+    EXPECT_EQ(cached(kLivingCastId).IP, "192.168.1.20");
+    EXPECT_EQ(cached(kKitchenCastId).type, kChromecast | kCapAudio);
+    EXPECT_EQ(cached("usb_dac").type, kAlsa | kAlsaUsb | kCapAudio);
+    EXPECT_EQ(cached("usb_dac").card, "1");
+    EXPECT_EQ(cached("HDMI_hdmi-3").type, kAlsa | kAlsaHdmi | kCapAudio);
+    EXPECT_EQ(cached("HDMI_hdmi-3").device, "3");
+    EXPECT_EQ(cached("analog").type, kAlsa | kAlsaAnalog | kCapAudio);
+
+    // The exact command lines the platform programs received.
+    EXPECT_EQ(calls("tessaly", "list"), 1);
+    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 1);
+    EXPECT_EQ(calls("mpc", "outputs"), 1);
+    EXPECT_EQ(calls("yarrow", "Enable"), 1);
+}
+
+TEST_F(ListRenderSimTest, AgentAndBrowseListingsAreReusedForTenSeconds) {
+    ASSERT_EQ(listRender(), 0);
+    simctl({"renderer", kSpeakerId, "absent"});
+
+    s_now += 10;
+    ASSERT_EQ(listRender(), 0);
+    EXPECT_EQ(calls("tessaly", "list"), 1);
+    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 1);
+    EXPECT_EQ(calls("mpc", "outputs"), 2);  // local outputs are always asked afresh
+    EXPECT_EQ(devices().count(kSpeakerId), 1u);
+    EXPECT_EQ(devices().count(kKitchenCastId), 1u);  // the stored browse output is listed again
+
+    s_now += 1;
+    ASSERT_EQ(listRender(), 0);
+    EXPECT_EQ(calls("tessaly", "list"), 2);
+    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 2);
+    EXPECT_EQ(devices().count(kSpeakerId), 0u);
+    // The vanished renderer stays cached, no longer marked as found.
+    EXPECT_EQ(cached(kSpeakerId).found, 0);
+    EXPECT_EQ(cached(kTvId).found, 1);
+    simctl({"renderer", kSpeakerId, "present"});
+}
+
+TEST_F(ListRenderSimTest, RenderTypeFiltersTheSources) {
+    ASSERT_EQ(listRender("dlna+alsa"), 0);
+    EXPECT_EQ(kinds(), (std::multiset<std::string>{"DLNA", "DLNA", "ALSA", "ALSA", "ALSA"}));
+    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 0);
+
+    ASSERT_EQ(listRender("0x9"), 0);
+    EXPECT_EQ(kinds(), (std::multiset<std::string>{"DLNA", "DLNA", "ALSA", "ALSA", "ALSA"}));
+
+    // mDNS is browsed for Chromecast receivers only.
+    ASSERT_EQ(listRender("AirPlay"), 0);
+    EXPECT_EQ(answer.nChildNode("device"), 0);
+    EXPECT_STREQ(childText(answer, "status"), "0");
+
+    s_now += 11;
+    ASSERT_EQ(listRender("chromecast"), 0);
+    EXPECT_EQ(kinds(), (std::multiset<std::string>{"Chromecast", "Chromecast"}));
+    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 1);
+    EXPECT_EQ(calls("mpc", "outputs"), 2);
+}
+
+TEST_F(ListRenderSimTest, WithoutTheMediaServerPackageOnlyDlnaIsListed) {
+    const std::string conf = slurp("/etc/config/modl.conf");
+    put("/etc/config/modl.conf", "[XUMA]\nEnable = FALSE\n");
+    ASSERT_EQ(listRender(), 0);
+    EXPECT_EQ(kinds(), (std::multiset<std::string>{"DLNA", "DLNA"}));
+    EXPECT_EQ(calls("mpc", "outputs"), 0);
+
+    // Without a package name the Chromecast receivers are listed by name.
+    ASSERT_EQ(run("ListUnknowRender"), 0);
+    EXPECT_STREQ(childText(answer, "status"), "0");
+    ASSERT_EQ(answer.nChildNode("device"), 2);
+    EXPECT_STREQ(answer.getChildNode("device", 0).getAttribute("Type"), "Chromecast");
+    EXPECT_STREQ(childText(answer.getChildNode("device", 0), "deviceName"), "Unknown");
+    EXPECT_STREQ(childText(answer.getChildNode("device", 1), "deviceName"), "Kitchen speaker");
+    EXPECT_EQ(calls("avahi-browse", "-krpt"), 1);
+    put("/etc/config/modl.conf", conf);
+
+    ASSERT_EQ(run("ListUnknowRender"), 0);
+    EXPECT_EQ(answer.nChildNode("device"), 0);
+    EXPECT_EQ(calls("avahi-browse", "-krpt"), 1);
+}
+
+TEST_F(ListRenderSimTest, LostAnalogOutputIsListedAfterTheMusicServiceRestarts) {
+    const std::string modelConf = slurp("/etc/model.conf");
+    put("/etc/model.conf", "[System IO]\nVOICE_ALERT_SUPPORT = 1\n");
+    // The restart brings the analog output back.
+    put("/opt/XUMA/Morrat.sh",
+        "#!/usr/bin/python3 -S\nimport os, sys\n"
+        "open('" + s_root + "/opt/XUMA/restarts', 'a').write(' '.join(sys.argv[1:]) + '\\n')\n"
+        "os.execv('" + s_root + "/var/sim/simctl', ['simctl', 'output', 'Analog', 'present'])\n",
+        0755);
+    simctl({"output", "Analog", "absent"});
+
+    ASSERT_EQ(listRender("alsa"), 0);
+    EXPECT_EQ(slurp("/opt/XUMA/restarts"), "restart\n");
+    EXPECT_EQ(calls("mpc", "outputs"), 2);
+    EXPECT_EQ(kinds(), (std::multiset<std::string>{"ALSA", "ALSA", "ALSA"}));
+    EXPECT_EQ(devices().count("analog"), 1u);
+
+    put("/etc/model.conf", modelConf);
+    std::filesystem::remove(s_root + "/opt/XUMA/Morrat.sh");
+    std::filesystem::remove(s_root + "/opt/XUMA/restarts");
+}
