@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <filesystem>
 #include <iostream>
 #include <vector>
 
@@ -99,7 +100,10 @@ int addFiles(const std::string& socketPath, int argc, char** argv, int i, bool r
     items.reserve(files.size());
     for (const std::string& f : files) {
         std::string type = media.empty() ? vclient::mediaTypeOfFile(f) : media;
-        items.push_back({f, type, "file"});
+        // The daemon and its players do not share our working directory: store absolute paths.
+        std::error_code ec;
+        std::string path = f.empty() || f[0] == '/' ? f : std::filesystem::absolute(f, ec).lexically_normal().string();
+        items.push_back({path.empty() ? f : path, type, "file"});
     }
     bool showProgress = items.size() >= 1000;
     std::string text = vclient::buildBatchFile(title, appType, items.front().mediaType, items, [&](size_t done, size_t total) {

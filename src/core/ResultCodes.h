@@ -29,7 +29,7 @@ inline const char* meaning(int code) {
         case kAgentFailure: return "the media agent or an appliance command failed";
         case kBadRequest: return "the request is not an XML document with root <root>";
         case kMissingParameter: return "a required parameter is missing or empty";
-        case kNoSuchPlayer: return "no player for that device (set a playlist on it first)";
+        case kNoSuchPlayer: return "no player for that device (ListRender lists the devices; SetPlaylist then makes the player)";
         case kBadAgentAnswer: return "the media agent gave an unreadable answer";
         case kUnknownCommand: return "no command, or an unknown command";
         case kUnknownPlayMode: return "unknown play mode";
