@@ -58,7 +58,8 @@ public:
 
     // Forwarding: each finds the player of renderID under the collection read lock and calls it
     // under a try of its lock. Result: the player's, -4 without such a player, -19 when the
-    // player is busy (a command never waits behind a busy back-end).
+    // player is busy (a command never waits behind a busy back-end). The polled reads
+    // (getVolume, isMute, getPlayerStatus) read without the player's lock and are never busy.
     int play(const char* renderID, unsigned int track);
     int pause(const char* renderID);
     int stop(const char* renderID);
@@ -133,6 +134,9 @@ protected:
     // Runs fn(player) for the player of renderID under the read lock and the player's try-lock.
     template <class Fn>
     int forward_(const char* renderID, Fn fn);
+    // The same without the player's lock, for the polled reads.
+    template <class Fn>
+    int read_(const char* renderID, Fn fn);
     void removePlayer_(const std::string& renderID);
     void invalidPlayerCollection_();
     void stopLocalHdmiPlayers_(CPlayer* except);

@@ -21,6 +21,23 @@ int CPlayerManager::forward_(const char* renderID, Fn fn) {
     }
 }
 
+// Reads that front ends poll every second (status, volume, mute) do not take the player's lock:
+// polls from several clients would otherwise collide and answer "busy". The player's own
+// synchronisation gives them a consistent snapshot; the collection's read lock keeps the player
+// alive meanwhile.
+template <class Fn>
+int CPlayerManager::read_(const char* renderID, Fn fn) {
+    if (!renderID) return -4;
+    try {
+        ThreadReadLock collectionLock(m_rwLock);
+        CPlayer* player = findCreatedPlayer_(renderID);
+        if (!player) return -4;
+        return fn(*player);
+    } catch (...) {
+        return -19;
+    }
+}
+
 int CPlayerManager::play(const char* renderID, unsigned int) {
     return forward_(renderID, [](CPlayer& p) { return p.play(); });
 }
@@ -61,13 +78,13 @@ int CPlayerManager::setSlideShowDelay(const char* renderID, int seconds) {
     });
 }
 int CPlayerManager::getVolume(const char* renderID) {
-    return forward_(renderID, [](CPlayer& p) { return p.getVolume(); });
+    return read_(renderID, [](CPlayer& p) { return p.getVolume(); });
 }
 int CPlayerManager::setVolume(const char* renderID, int volume) {
     return forward_(renderID, [&](CPlayer& p) { return p.setVolume(volume); });
 }
 int CPlayerManager::isMute(const char* renderID) {
-    return forward_(renderID, [](CPlayer& p) { return p.isMute() ? 1 : 0; });
+    return read_(renderID, [](CPlayer& p) { return p.isMute() ? 1 : 0; });
 }
 int CPlayerManager::setMute(const char* renderID, bool on) {
     return forward_(renderID, [&](CPlayer& p) { return p.setMute(on); });
@@ -79,7 +96,7 @@ int CPlayerManager::setPlayMode(const char* renderID, playMode_e mode) {
     });
 }
 int CPlayerManager::getPlayerStatus(const char* renderID, playerStatus_s& status) {
-    return forward_(renderID, [&](CPlayer& p) {
+    return read_(renderID, [&](CPlayer& p) {
         p.getStatus(status);
         return 0;
     });

@@ -165,7 +165,7 @@ CAlsaPlayer::CAlsaPlayer(uint32_t type, const std::string& renderID, const std::
     m_port = choosePort();
     startServer();
     sendMpc({"enable", "only", deviceName});
-    sendMpc({"volume", "100"});
+    if (sendMpc({"volume", "100"}) == 0) m_knownVolume = 100;
 
     if (start(("alsa:" + deviceName).c_str()) != 0) {
         // No worker: callers must not wait for one to park.
@@ -341,14 +341,24 @@ int CAlsaPlayer::setVolume(int volume) {
     std::lock_guard lock(m_volumeMutex);
     // Volume 0 is a mute whose un-mute gives 1, not silence.
     m_savedVolume = volume == 0 ? 1 : -1;
-    sendMpc({"volume", std::to_string(volume)});
+    sendVolume_(volume);
     return 0;
 }
 
+int CAlsaPlayer::sendVolume_(int volume) {
+    int rc = sendMpc({"volume", std::to_string(volume)});
+    m_knownVolume = rc == 0 ? volume : -1;  // on failure, ask MPD next time
+    return rc;
+}
+
 int CAlsaPlayer::getVolume() {
+    int known = m_knownVolume.load();
+    if (known >= 0) return known;
     std::string text;
     if (!readStatus(text)) return -1;
-    return parseMpdStatus(text).volume;
+    int volume = parseMpdStatus(text).volume;
+    m_knownVolume = volume;
+    return volume;
 }
 
 int CAlsaPlayer::setMute(bool on) {
@@ -357,7 +367,7 @@ int CAlsaPlayer::setMute(bool on) {
     if (!on) {
         int saved = m_savedVolume.load();
         if (saved > 0) {
-            sendMpc({"volume", std::to_string(std::min(saved, 100))});
+            sendVolume_(std::min(saved, 100));
             m_savedVolume = -1;
         }
         return 0;
@@ -366,7 +376,7 @@ int CAlsaPlayer::setMute(bool on) {
     int volume = getVolume();
     if (static_cast<unsigned>(volume) > 100) m_savedVolume = 100;  // unreadable counts as full
     else if (volume != 0) m_savedVolume = volume;
-    sendMpc({"volume", "0"});
+    sendVolume_(0);
     return 0;
 }
 
@@ -531,6 +541,7 @@ void CAlsaPlayer::pollStatus_() {
         return;
     }
     MpdStatus status = parseMpdStatus(text);
+    if (status.volume >= 0) m_knownVolume = status.volume;
     trace_(">3.", 4);
 
     int offset = m_startOffset.load();

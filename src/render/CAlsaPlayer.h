@@ -49,7 +49,7 @@ public:
     // 0..100; 0 counts as muted, so that un-muting gives volume 1. -1 for anything else.
     int setVolume(int volume) override;
     // MPD's volume, or -1 when it cannot be read.
-    int getVolume() override;
+    int getVolume() override;  // from what MPD last reported or accepted; asks MPD when unknown
     // "SAMPLERATE=...,DSDPASS=..." applied to the output, then the shared MPD reloads its
     // settings. -1 when nothing is recognised, else the status of the output command.
     int setAttributes(const char* attributes) override;
@@ -137,5 +137,10 @@ private:
 
     std::mutex m_volumeMutex;  // one volume change at a time (the worker mutes around a slice's seek)
     std::atomic<int> m_savedVolume{-1};  // -1: not muted
+    // The volume MPD last reported or accepted (-1: not known yet). Front ends poll the volume
+    // every second: answering from here spares a program run per poll, and the worker's status
+    // polls keep it current while playing.
+    std::atomic<int> m_knownVolume{-1};
+    int sendVolume_(int volume);
     std::atomic<int> m_flowStage{0};
 };
