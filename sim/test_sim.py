@@ -1,7 +1,7 @@
 """Checks of the simulated appliance: make-root, the yarrow INI reader, the media
 agent and the media library's tools, the local sound outputs (private mpd
 servers through the mpd/mpc wrappers, the shared instance's output list,
-/proc/asound) and the network discovery fakes.
+/proc/asound), the network discovery fakes and the simulated DLNA renderers.
 
 Run from sim/:  python3 -m unittest test_sim
 """
@@ -16,11 +16,14 @@ import subprocess
 import tempfile
 import time
 import unittest
+import sys
 import wave
 import xml.etree.ElementTree as ET
 from concurrent.futures import ThreadPoolExecutor
 
 SIM_DIR = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(SIM_DIR, "lib"))
+import simrender  # noqa: E402
 MAKE_ROOT = os.path.join(SIM_DIR, "make-root")
 
 SAMPLE_INI = """\
@@ -429,6 +432,192 @@ class DiscoveryTest(SimRootTest):
 
         dash = ET.parse(os.path.join(self.root, "etc/config/mediaDash.conf")).getroot()
         self.assertEqual([d.findtext("deviceId") for d in dash.findall("device")], ["usb_dac"])
+
+
+TV = "uuid:5f9ec1b3-ed59-49bb-8530-745e1d0a1c01"
+SPEAKER = "uuid:0b7d3c22-4a61-4f0e-9d2a-3e5c7b9a8f12"
+
+
+class RendererTest(SimRootTest):
+    """The simulated renderers' playback, as the DLNA player drives them. Times
+    are shortened with the speed and transition switches."""
+
+    def setUp(self):
+        # Each test starts from the renderers as made.
+        for uuid, name in ((TV, "Living Room TV"), (SPEAKER, "Study Speaker")):
+            simrender.save(self.root, simrender.new_renderer(uuid, name))
+
+    def agent(self, *args):
+        p = subprocess.run([os.path.join(self.root, "usr/bin/tessaly"), *args], capture_output=True, text=True)
+        self.assertEqual(p.returncode, 0, p.stderr)
+        return p.stdout
+
+    def xml(self, *args):
+        return ET.fromstring(self.agent(*args))
+
+    def status(self, command, *args, uuid=TV):
+        return self.xml("-c", command, "--uuid", uuid, *args).findtext("Status")
+
+    def load(self, *content, uuid=TV):
+        return self.status("setAvTransportUrl", *content, uuid=uuid)
+
+    def state(self, uuid=TV):
+        return self.xml("-c", "getTransportInfo", "--uuid", uuid).findtext("CurrentTransportState")
+
+    def position(self, uuid=TV):
+        """(RelTime in seconds, TrackDuration text)"""
+        root = self.xml("-c", "getPositionInfo", "--uuid", uuid)
+        self.assertEqual(root.findtext("Status"), "Success")
+        h, m, sec = root.findtext("RelTime").split(":")
+        return int(h) * 3600 + int(m) * 60 + float(sec), root.findtext("TrackDuration")
+
+    def simctl(self, *args, ok=True):
+        p = subprocess.run([os.path.join(self.root, "var/sim/simctl"), *args], capture_output=True, text=True)
+        self.assertEqual(p.returncode == 0, ok, p.stderr)
+        return p.stdout
+
+    def show(self, uuid=TV):
+        return json.loads(self.simctl("renderer-show", uuid))
+
+    def test_play_advances_and_the_end_stops_at_the_end(self):
+        self.assertEqual(self.state(), "NO_MEDIA_PRESENT")
+        self.assertEqual(self.status("Play"), "Fail")
+        self.assertEqual(self.load("--objectID", "mu_101"), "Success")
+        self.assertEqual((self.state(), self.position()), ("STOPPED", (0.0, "0:00:03")))
+        self.simctl("renderer-set", TV, "speed=4", "transition=0.3")
+        started = time.time()
+        self.assertEqual(self.status("Play"), "Success")
+        self.assertEqual(self.state(), "TRANSITIONING")
+        self.assertEqual(self.position()[0], 0.0)
+        time.sleep(max(0, started + 0.45 - time.time()))
+        self.assertEqual(self.state(), "PLAYING")
+        pos = self.position()[0]
+        self.assertTrue(0.5 < pos < 3, pos)
+        # A second Play while playing neither restarts nor transitions again.
+        self.status("Play")
+        self.assertEqual(self.state(), "PLAYING")
+        self.assertGreaterEqual(self.position()[0], pos)
+        time.sleep(max(0, started + 0.3 + 3 / 4 + 0.1 - time.time()))
+        self.assertEqual(self.state(), "STOPPED")
+        self.assertEqual(self.xml("-c", "getPositionInfo", "--uuid", TV).findtext("RelTime"), "0:00:03.000")
+        # Playing again after the end starts from the beginning; Stop rewinds.
+        self.simctl("renderer-set", TV, "speed=1", "transition=0")
+        self.status("Play")
+        self.assertLess(self.position()[0], 0.5)
+        self.assertEqual(self.status("Stop"), "Success")
+        self.assertEqual((self.state(), self.position()[0]), ("STOPPED", 0.0))
+
+    def test_load_at_a_position_pause_and_outside_control(self):
+        self.simctl("renderer-set", TV, "transition=0")
+        self.assertEqual(self.load("--objectID", "vi_201", "--position", "00:00:02"), "Success")
+        self.assertEqual(self.position(), (2.0, "0:00:05"))
+        self.assertEqual(self.status("Pause"), "Fail")  # nothing plays
+        self.status("Play")
+        time.sleep(0.1)
+        self.assertEqual(self.status("Pause"), "Success")
+        self.assertEqual(self.state(), "PAUSED_PLAYBACK")
+        frozen = self.position()[0]
+        self.assertTrue(2.05 <= frozen < 3, frozen)
+        time.sleep(0.1)
+        self.assertEqual(self.position()[0], frozen)
+        # The renderer's own remote: play resumes, pause freezes, stop keeps the position.
+        self.simctl("renderer-set", TV, "outside=play")
+        self.assertEqual(self.state(), "PLAYING")
+        self.assertGreaterEqual(self.position()[0], frozen)
+        self.simctl("renderer-set", TV, "outside=pause")
+        self.assertEqual(self.state(), "PAUSED_PLAYBACK")
+        self.simctl("renderer-set", TV, "outside=play", "position=1", "outside=stop")
+        self.assertEqual(self.state(), "STOPPED")
+        self.assertAlmostEqual(self.position()[0], 1.0, delta=0.2)
+        # A jump beyond the end is held at the end; a wrong time changes nothing.
+        self.simctl("renderer-set", TV, "position=3:00:00")
+        self.assertEqual(self.position()[0], 5.0)
+        self.simctl("renderer-set", TV, "position=1", "position=soon", ok=False)
+        self.assertEqual(self.position()[0], 5.0)
+        self.simctl("renderer-set", SPEAKER, "outside=play", ok=False)  # nothing loaded
+
+    def test_refusals_and_busy(self):
+        self.simctl("renderer-set", TV, "busy=2")
+        self.assertEqual([self.load("--objectID", "mu_101") for _ in range(3)], ["Busy", "Busy", "Success"])
+        self.simctl("renderer-set", TV, "refuse=1")
+        self.assertEqual(self.load("--objectID", "mu_102"), "Fail")
+        self.assertEqual(self.show()["track"]["objectID"], "mu_101")  # the refused track was not loaded
+        self.simctl("renderer-set", TV, "refuse=0", "refuse_content=Rain")
+        rain = self.root + "/share/Public/Music/02 Rain & Thunder.mp3"
+        self.assertEqual(self.load("--objectID", "mu_102"), "Fail")
+        self.assertEqual(self.load("--filePath", rain), "Fail")
+        self.assertEqual(self.load("--objectID", "mu_103"), "Success")
+        self.assertEqual(self.load("--objectID", "mu_102", uuid=SPEAKER), "Success")
+        for content in (["--objectID", "nope"], ["--filePath", self.root + "/share/Public/none.mp3"],
+                        ["--objectID", "mu_101", "--position", "later"]):
+            with self.subTest(content=content):
+                self.assertEqual(self.load(*content, uuid=SPEAKER), "Fail")
+        self.assertEqual(self.status("getTransportInfo", uuid="uuid:unknown"), "Fail")
+        self.simctl("renderer-set", SPEAKER, "present=0")
+        self.assertEqual(self.load("--objectID", "mu_101", uuid=SPEAKER), "Fail")
+        self.assertNotIn("Study Speaker", self.agent("-c", "list"))
+        self.simctl("renderer", SPEAKER, "present")
+        self.assertEqual(self.state(uuid=SPEAKER), "STOPPED")
+        self.simctl("renderer-set", TV, "busy=1", "colour=red", ok=False)
+        self.assertEqual(self.show()["busy"], 0)
+
+    def test_stall_speed_and_failing_positions(self):
+        self.simctl("renderer-set", TV, "transition=0", "stall=1", "speed=3")
+        self.load("--objectID", "vi_201")
+        self.status("Play")
+        time.sleep(0.45)
+        self.assertEqual((self.state(), self.position()[0]), ("PLAYING", 0.0))
+        # Un-stalled at 3x: the stalled time does not count.
+        self.simctl("renderer-set", TV, "stall=0")
+        time.sleep(0.1)
+        pos = self.position()[0]
+        self.assertTrue(0.2 < pos < 1.5, pos)
+        self.simctl("renderer-set", TV, "fail_position=1")
+        self.assertEqual(self.agent("-c", "getPositionInfo", "--uuid", TV), "<root><Status>fail</Status></root>\n")
+
+    def test_volume_kind_content_urls_and_options(self):
+        for sent, stored in (("150", "100"), ("-3", "0"), ("42", "42")):
+            self.assertEqual(self.status("setVolume", "--vol", sent), "Success")
+            self.assertEqual(self.xml("-c", "getVolume", "--uuid", TV).findtext("CurrentVolume"), stored)
+        self.assertEqual(self.status("setVolume", "--vol", "loud"), "Fail")
+        self.assertEqual(self.agent("-c", "isXBMC", "--uuid", TV), "false\n")
+        self.simctl("renderer-set", TV, "xbmc=1")
+        self.assertEqual(self.agent("-c", "isXBMC", "--uuid", TV), "xbmc\n")
+
+        def url(*args):
+            root = self.xml("-c", "getContentUrlByMAC", "--uuid", TV, *args)
+            return root.findtext("status"), root.findtext("url")
+        odd = self.root + "/share/Public/Music/04 $(echo pwned).mp3"
+        self.assertEqual(url("--filePath", odd), ("success", "http://127.0.0.1:8200/media/mu_104.mp3"))
+        self.assertEqual(url("--dbID", "201", "--mediaType", "2")[1], "http://127.0.0.1:8200/media/vi_201.mp4")
+        self.assertEqual(url("--dbID", "201", "--mediaType", "0"), ("fail", None))
+        self.simctl("renderer-set", TV, "transcode=1")
+        self.assertIn("Transcode", url("--objectID", "ph_301")[1])
+
+        # The player's options reach the renderer; a path arrives raw, shell escaping is not undone.
+        self.assertEqual(self.load("--filePath", odd, "--interface", "eth0", "--audioTrack", "1",
+                                   "--subtitle", "0", "--externalSubtitle", "/x/it's.srt"), "Success")
+        track = self.show()["track"]
+        self.assertEqual((track["path"], track["objectID"], track["interface"], track["audioTrack"],
+                          track["subtitle"], track["externalSubtitle"]),
+                         (odd, "mu_104", "eth0", "1", "0", "/x/it's.srt"))
+        self.assertEqual(self.load("--filePath", odd.replace(" ", "\\ ")), "Fail")
+
+    @unittest.skipUnless(shutil.which("ffprobe"), "ffprobe not installed")
+    def test_files_outside_the_library_are_measured(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            copy = os.path.join(tmp, "copy.mp4")
+            shutil.copy(self.root + "/share/Public/Video/holiday.mp4", copy)
+            self.assertEqual(self.load("--filePath", copy), "Success")
+            self.assertEqual(self.position()[1], "0:00:05")
+            picture = os.path.join(tmp, "p.jpg")
+            shutil.copy(self.root + "/share/Public/Photo/beach.jpg", picture)
+            self.simctl("renderer-set", TV, "transition=0", "speed=100")
+            self.load("--filePath", picture)
+            self.status("Play")
+            time.sleep(0.05)
+            # A picture shows until the player moves on.
+            self.assertEqual((self.state(), self.position()[0]), ("PLAYING", 0.0))
 
 
 class MakeRootTest(unittest.TestCase):
