@@ -137,6 +137,7 @@ CPlayer* CPlayerManager::addPlayer_(int& result, const std::string& renderID, co
         {
             ThreadSingleLock playerLock(player->getLock());
             player->setIP("");  // the revived player learns its address at the next listing
+            player->monitor(true);  // watching stopped when it was retired
             if (!playlistTitle.empty() && !appType.empty()) player->setPlaylist(playlistTitle, appType);
         }
         m_playerCollection.push_back(std::move(*it));
