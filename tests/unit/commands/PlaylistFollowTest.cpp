@@ -11,27 +11,23 @@ protected:
         CommandTest::SetUp();
         makePlaylist("Mix", {{MEDIA_AUDIO_E, CONTENT_FILE_E, "a"}, {MEDIA_AUDIO_E, CONTENT_FILE_E, "b"},
                              {MEDIA_AUDIO_E, CONTENT_FILE_E, "c"}, {MEDIA_AUDIO_E, CONTENT_FILE_E, "d"}});
-        manager->list("uuid:tv");
-        ASSERT_EQ(run("SetPlaylist", {{"dev", "uuid:tv"}, {"playlist", "Mix"}, {"appType", "music"}}), 0);
-        tv = manager->player("uuid:tv");
+        tv = playerOn("uuid:tv", "Mix");
     }
 
+    std::vector<playlistElm_s> entries() {
+        std::vector<playlistElm_s> out;
+        playlistStore().getPlaylistElmsByPage(out, static_cast<int>(tv->getPlaylistID()), 0, 0);
+        return out;
+    }
     // The queue as the contents it plays, in queue order.
     std::vector<std::string> queue() {
         std::vector<std::string> out;
-        int id = static_cast<int>(tv->getPlaylistID());
-        std::vector<playlistElm_s> entries;
-        playlistStore().getPlaylistElmsByPage(entries, id, 0, 0);
         for (const playQueueItem_s& item : tv->getPlayQueue())
-            for (const playlistElm_s& e : entries)
+            for (const playlistElm_s& e : entries())
                 if (static_cast<int64_t>(e.UUID) == item.uuid) out.push_back(e.Content);
         return out;
     }
-    std::string uuidOf(int index) {
-        std::vector<playlistElm_s> entries;
-        playlistStore().getPlaylistElmsByPage(entries, static_cast<int>(tv->getPlaylistID()), 0, 0);
-        return std::to_string(entries.at(static_cast<size_t>(index)).UUID);
-    }
+    std::string uuidOf(int index) { return std::to_string(entries().at(static_cast<size_t>(index)).UUID); }
     std::string current() { return queue().at(tv->getCurrTrackIndex()); }
 
     FakePlayer* tv = nullptr;
@@ -84,11 +80,7 @@ TEST_F(PlaylistFollowTest, DeletedEntriesLeaveTheQueue) {
 
 TEST_F(PlaylistFollowTest, RevivedPlayerKeepsItsQueue) {
     ASSERT_EQ(tv->setCurrTrack(1), 0);
-    manager->list("uuid:other");  // every listing clears the found flags: simulate four misses
-    {
-        ThreadWriteLock lock(manager->getRWLock());
-        manager->clearRenderFoundFlags_();
-    }
+    manager->listOnly({"uuid:other"});  // four listings without it
     for (int pass = 0; pass < 4; ++pass) manager->housekeepingPass();
     EXPECT_EQ(run("Play", {{"dev", "uuid:tv"}}), -4);
 

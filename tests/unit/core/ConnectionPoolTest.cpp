@@ -12,38 +12,30 @@
 #include <thread>
 
 #include "core/ConnectionPool.h"
+#include "unit/support/Files.h"
 
 using namespace std::chrono_literals;
 
 namespace {
 
+using testsupport::eventually;
+
 class Listener {
 public:
     Listener() {
-        char dir[] = "/tmp/vpool-XXXXXX";
-        path = std::string(::mkdtemp(dir)) + "/s";
-        fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un a{};
-        a.sun_family = AF_UNIX;
-        std::snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
-        EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", (dir / "s").c_str());
+        EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
         EXPECT_EQ(::listen(fd, 128), 0);
     }
-    ~Listener() {
-        ::close(fd);
-        ::unlink(path.c_str());
-        ::rmdir(path.substr(0, path.size() - 2).c_str());
-    }
+    ~Listener() { ::close(fd); }
     int connect() const {
         int c = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un a{};
-        a.sun_family = AF_UNIX;
-        std::snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
-        EXPECT_EQ(::connect(c, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+        EXPECT_EQ(::connect(c, reinterpret_cast<const sockaddr*>(&addr), sizeof addr), 0);
         return c;
     }
-    std::string path;
-    int fd;
+    testsupport::TempDir dir{"vpool"};
+    sockaddr_un addr{AF_UNIX, {}};
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
 };
 
 // A handler that serves until its client closes, counting what runs at once.
@@ -59,16 +51,6 @@ struct Counting {
         ++served;
     }
 };
-
-template <class Pred>
-bool eventually(Pred pred, std::chrono::milliseconds limit = 3000ms) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!pred()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
 
 ConnectionPool makePool(Listener& l, Counting& h, size_t cap, std::chrono::milliseconds idle) {
     return ConnectionPool(

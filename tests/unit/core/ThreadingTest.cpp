@@ -28,21 +28,6 @@ TEST(LockGuardTest, TryLockThrowsAtOnceWhenHeldAndReleasesNothing) {
     pthread_mutex_destroy(&m);
 }
 
-TEST(LockGuardTest, MutexKinds) {
-    pthread_mutex_t recursive, normal;
-    EXPECT_EQ(CThread::mutexInit(recursive, MUTEX_RECURSIVE_E), 0);
-    EXPECT_EQ(CThread::mutexInit(normal, MUTEX_ERRORCHECK_E), 0);
-    {
-        ThreadSingleLock a(recursive);
-        ThreadSingleLock b(recursive);  // the same thread may take it twice
-    }
-    pthread_mutex_lock(&normal);
-    EXPECT_NE(pthread_mutex_lock(&normal), 0);  // error-checking: relocking is refused, not a deadlock
-    pthread_mutex_unlock(&normal);
-    pthread_mutex_destroy(&recursive);
-    pthread_mutex_destroy(&normal);
-}
-
 namespace {
 
 class Worker : public CThread {

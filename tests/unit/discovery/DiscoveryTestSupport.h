@@ -1,46 +1,49 @@
-// A simulated appliance root shared by the discovery tests, and small file helpers.
+// The simulated appliance shared by the discovery tests, with files a test changes put back.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
+#include <vector>
 
-#include "core/util/AppRoot.h"
-#include "core/util/Process.h"
+#include "unit/support/SimRoot.h"
 #include "xml/XMLNode.h"
 
-class DiscoveryRootTest : public ::testing::Test {
+class DiscoveryRootTest : public testsupport::SimRootTest {
 protected:
-    static void SetUpTestSuite() {
-        char pattern[] = "/tmp/velmora-disc-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        s_root = pattern;
-        ProcessOptions opts;
-        opts.timeoutMs = 120000;
-        opts.capture = ProcessOptions::Capture::Both;
-        ProcessResult r = runProcess({VELMORA_SOURCE_DIR "/sim/make-root", s_root}, opts);
-        ASSERT_TRUE(r.ok()) << r.output;
+    void SetUp() override {
+        SimRootTest::SetUp();
+        s_root = m_root;
     }
-    static void TearDownTestSuite() { std::filesystem::remove_all(s_root); }
-    void SetUp() override { approot::set(s_root); }
-    void TearDown() override { approot::set(""); }
+    void TearDown() override {
+        for (auto it = s_saved.rbegin(); it != s_saved.rend(); ++it) {
+            if (it->existed) testsupport::writeFile(s_root + it->path, it->text, it->mode);
+            else ::unlink((s_root + it->path).c_str());
+        }
+        s_saved.clear();
+        SimRootTest::TearDown();
+    }
 
-    // Writes text to <root>/<path>, creating directories; mode for scripts.
+    // Writes text to <root>/<path>, creating directories; mode for scripts. The file is put
+    // back as it was when the test ends.
     static void put(const std::string& path, const std::string& text, mode_t mode = 0644) {
-        const std::filesystem::path full = s_root + path;
-        std::filesystem::create_directories(full.parent_path());
-        std::ofstream(full, std::ios::trunc) << text;
-        ::chmod(full.c_str(), mode);
+        const std::string full = s_root + path;
+        struct stat st {};
+        bool existed = ::stat(full.c_str(), &st) == 0;
+        s_saved.push_back({path, existed, existed ? slurp(path) : "", static_cast<mode_t>(st.st_mode & 07777)});
+        testsupport::makeDirs(full.substr(0, full.rfind('/')));
+        testsupport::writeFile(full, text, mode);
     }
-    static std::string slurp(const std::string& path) {
-        std::ifstream in(s_root + path);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
+    static std::string slurp(const std::string& path) { return testsupport::readFile(s_root + path); }
 
     static inline std::string s_root;
+    struct Saved {
+        std::string path;
+        bool existed;
+        std::string text;
+        mode_t mode;
+    };
+    static inline std::vector<Saved> s_saved;
 };
 
 inline const char* childText(const XMLNode& node, const char* name) {

@@ -3,20 +3,14 @@
 // two interfaces) and the shared MPD three local outputs.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <map>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "DiscoveryTestSupport.h"
-#include "client/VelmoraClient.h"
-#include "core/CommandTable.h"
 #include "discovery/RenderListing.h"
-#include "player/CPlayerManager.h"
-#include "player/PlayerTypes.h"
-#include "player/ThreadLock.h"
+#include "unit/support/Players.h"
 
 namespace {
 
@@ -31,37 +25,27 @@ class ListRenderSimTest : public DiscoveryRootTest {
 protected:
     void SetUp() override {
         DiscoveryRootTest::SetUp();
-        std::ofstream(s_root + "/var/sim/calls.log", std::ios::trunc);
         renderlisting::resetCache();
         s_now = 1'000'000;
         renderlisting::setClock([] { return s_now; });
-        manager = std::make_unique<CPlayerManager>(3600);
     }
     void TearDown() override {
-        manager.reset();
         renderlisting::setClock(nullptr);
         renderlisting::resetCache();
         DiscoveryRootTest::TearDown();
     }
 
     int run(const std::string& command, const vclient::Params& params = {}) {
-        XMLNode request = XMLNode::parseString(vclient::buildRequest(command, params), "root");
-        answer = XMLNode();
-        commandHandler_t handler = findCommand(command.c_str());
-        EXPECT_NE(handler, nullptr) << command;
-        return handler ? handler(*manager, request, answer) : -7;
+        return testsupport::runCommand(manager, command, params, answer);
     }
     int listRender(const char* renderType = nullptr) {
         return renderType ? run("ListRender", {{"renderType", renderType}}) : run("ListRender");
     }
-
     // The listed devices by deviceId.
     std::map<std::string, XMLNode> devices() {
         std::map<std::string, XMLNode> out;
-        for (int i = 0; i < answer.nChildNode("device"); ++i) {
-            XMLNode d = answer.getChildNode("device", i);
-            out[childText(d, "deviceId")] = d;
-        }
+        for (int i = 0; i < answer.nChildNode("device"); ++i)
+            out[childText(answer.getChildNode("device", i), "deviceId")] = answer.getChildNode("device", i);
         return out;
     }
     std::multiset<std::string> kinds() {
@@ -71,33 +55,21 @@ protected:
         return out;
     }
     renderCacheInfo_s cached(const std::string& id) {
-        ThreadReadLock lock(manager->getRWLock());
+        ThreadReadLock lock(manager.getRWLock());
         renderCacheInfo_s r;
         r.type = 0xdeadu;  // stays when the render is not cached
-        manager->searchRenderInCache_(id, r);
+        manager.searchRenderInCache_(id, r);
         return r;
     }
-    // Runs of a fake since the test began whose arguments contain `argument`.
-    static int calls(const std::string& program, const std::string& argument) {
-        std::ifstream in(s_root + "/var/sim/calls.log");
-        std::string line;
-        int n = 0;
-        while (std::getline(in, line))
-            if (line.rfind(program + " ", 0) == 0 && line.find("\"" + argument + "\"") != std::string::npos) ++n;
-        return n;
-    }
-
-    static void simctl(std::vector<std::string> args) {
+    int calls(const std::string& program, const std::string& argument) { return callLog.count(program, {argument}); }
+    void simctl(std::vector<std::string> args) {
         args.insert(args.begin(), s_root + "/var/sim/simctl");
-        ProcessOptions opts;
-        opts.timeoutMs = 10000;
-        opts.capture = ProcessOptions::Capture::Both;
-        const ProcessResult r = runProcess(args, opts);
+        const ProcessResult r = runProcess(args);
         ASSERT_TRUE(r.ok()) << r.output;
     }
 
     static inline time_t s_now = 0;
-    std::unique_ptr<CPlayerManager> manager;
+    CPlayerManager manager{3600};
     XMLNode answer;
 };
 
@@ -108,47 +80,24 @@ TEST_F(ListRenderSimTest, ListsEverySourceAndFillsTheRenderCache) {
     EXPECT_EQ(kinds(), (std::multiset<std::string>{"DLNA", "DLNA", "Chromecast", "Chromecast", "ALSA", "ALSA", "ALSA"}));
     auto devs = devices();
 
-    XMLNode tv = devs[kTvId];
-    EXPECT_STREQ(childText(tv, "deviceName"), "Living Room TV");
-    EXPECT_STREQ(childText(tv, "modelName"), "Sim TV 55");
-    EXPECT_STREQ(childText(tv, "icon"), "v3_menu/multizone/dlna");
+    EXPECT_STREQ(childText(devs[kTvId], "modelName"), "Sim TV 55");
 
-    // Seen on eth0 and eth1 at one address: listed once, under its decoded service name.
-    XMLNode living = devs[kLivingCastId];
-    EXPECT_STREQ(childText(living, "deviceName"), "Living Room");
-    EXPECT_STREQ(living.getChildNode("ip").getAttribute("interface"), "eth0");
-    EXPECT_STREQ(childText(living, "type"), "video,photo,audio");
-    XMLNode kitchen = devs[kKitchenCastId];
-    EXPECT_STREQ(childText(kitchen, "deviceName"), "Kitchen speaker");
-    EXPECT_STREQ(childText(kitchen, "type"), "audio");
-
-    XMLNode usb = devs["usb_dac"];
-    EXPECT_STREQ(usb.getAttribute("Subtype"), "USB");
-    EXPECT_STREQ(usb.getAttribute("card"), "1");
-    EXPECT_STREQ(usb.getAttribute("device"), "0");
-    EXPECT_STREQ(childText(usb, "cardStatus"), "closed");
-    EXPECT_STREQ(childText(usb, "ip"), "1");
-    EXPECT_STREQ(childText(usb, "allow_apps"), "music,video");
-    EXPECT_STREQ(childText(usb, "inuse_apps"), "music");
-    EXPECT_EQ(usb.getChildNode("Attributes").nChildNode("Attr"), 2);
+    // Seen on eth0 and eth1 at one address: listed once.
+    EXPECT_STREQ(devs[kLivingCastId].getChildNode("ip").getAttribute("interface"), "eth0");
+    EXPECT_STREQ(childText(devs[kKitchenCastId], "deviceName"), "Kitchen speaker");
+    EXPECT_STREQ(childText(devs["usb_dac"], "cardStatus"), "closed");
+    EXPECT_STREQ(childText(devs["usb_dac"], "allow_apps"), "music,video");
+    EXPECT_STREQ(childText(devs["usb_dac"], "inuse_apps"), "music");
     XMLNode hdmi = devs["HDMI_hdmi-3"];
-    EXPECT_STREQ(hdmi.getAttribute("Subtype"), "HDMI");
     // The platform's monitor-name filter strikes the letters of "monitor_name" from the line.
     EXPECT_STREQ(childText(hdmi, "firendlyName"), "Living Room TV");
     EXPECT_TRUE(hdmi.getChildNode("allow_apps").isEmpty());
-    EXPECT_STREQ(devs["analog"].getAttribute("Subtype"), "ANALOG");
 
-    EXPECT_EQ(cached(kTvId).type, kDlna | kCapVideo | kCapPhoto | kCapAudio);
     EXPECT_EQ(cached(kTvId).IP, "192.168.1.30");
     EXPECT_EQ(cached(kSpeakerId).type, kDlna | kCapAudio);
-    EXPECT_EQ(cached(kLivingCastId).type, kChromecast | kCapVideo | kCapPhoto | kCapAudio);
-    EXPECT_EQ(cached(kLivingCastId).IP, "192.168.1.20");
     EXPECT_EQ(cached(kKitchenCastId).type, kChromecast | kCapAudio);
-    EXPECT_EQ(cached("usb_dac").type, kAlsa | kAlsaUsb | kCapAudio);
-    EXPECT_EQ(cached("usb_dac").card, "1");
     EXPECT_EQ(cached("HDMI_hdmi-3").type, kAlsa | kAlsaHdmi | kCapAudio);
     EXPECT_EQ(cached("HDMI_hdmi-3").device, "3");
-    EXPECT_EQ(cached("analog").type, kAlsa | kAlsaAnalog | kCapAudio);
 
     // The exact command lines the platform programs received.
     EXPECT_EQ(calls("tessaly", "list"), 1);
@@ -215,16 +164,16 @@ TEST_F(ListRenderSimTest, WithoutTheMediaServerPackageOnlyDlnaIsListed) {
     EXPECT_STREQ(childText(answer.getChildNode("device", 0), "deviceName"), "Unknown");
     EXPECT_STREQ(childText(answer.getChildNode("device", 1), "deviceName"), "Kitchen speaker");
     EXPECT_EQ(calls("avahi-browse", "-krpt"), 1);
-    put("/etc/config/modl.conf", conf);
 
+    put("/etc/config/modl.conf", conf);
     ASSERT_EQ(run("ListUnknowRender"), 0);
     EXPECT_EQ(answer.nChildNode("device"), 0);
     EXPECT_EQ(calls("avahi-browse", "-krpt"), 1);
 }
 
 TEST_F(ListRenderSimTest, LostAnalogOutputIsListedAfterTheMusicServiceRestarts) {
-    const std::string modelConf = slurp("/etc/model.conf");
     put("/etc/model.conf", "[System IO]\nVOICE_ALERT_SUPPORT = 1\n");
+    put("/opt/XUMA/restarts", "");
     // The restart brings the analog output back.
     put("/opt/XUMA/Morrat.sh",
         "#!/usr/bin/python3 -S\nimport os, sys\n"
@@ -238,8 +187,6 @@ TEST_F(ListRenderSimTest, LostAnalogOutputIsListedAfterTheMusicServiceRestarts) 
     EXPECT_EQ(calls("mpc", "outputs"), 2);
     EXPECT_EQ(kinds(), (std::multiset<std::string>{"ALSA", "ALSA", "ALSA"}));
     EXPECT_EQ(devices().count("analog"), 1u);
-
-    put("/etc/model.conf", modelConf);
-    std::filesystem::remove(s_root + "/opt/XUMA/Morrat.sh");
-    std::filesystem::remove(s_root + "/opt/XUMA/restarts");
+    ASSERT_EQ(listRender("alsa"), 0);
+    EXPECT_EQ(slurp("/opt/XUMA/restarts"), "restart\n") << "restarted only while the output is missing";
 }

@@ -12,8 +12,6 @@
 using namespace renderlisting;
 
 TEST(RenderTypeMask, NamesAndHexMasks) {
-    EXPECT_EQ(parseRenderTypeMask("dlna+alsa"), 0x9u);
-    EXPECT_EQ(parseRenderTypeMask("0x9"), 0x9u);
     EXPECT_EQ(parseRenderTypeMask("DLNA+AirPlay+ChromeCast"), 0x7u);
     EXPECT_EQ(parseRenderTypeMask("tavriner"), 0x10u);
     EXPECT_EQ(parseRenderTypeMask("bogus+alsa+"), 0x8u);

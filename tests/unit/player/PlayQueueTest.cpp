@@ -147,21 +147,4 @@ TEST_F(PlayQueueTest, ReorderInShuffleSwapsTheTwoTracks) {
     }
 }
 
-TEST_F(PlayQueueTest, ClearWithAndWithoutThePlaylist) {
-    int id = makePlaylist("list", 3);
-    auto p = playerWith("list");
-    EXPECT_EQ(p->clearPlayQueue(false), -1);
-    EXPECT_EQ(p->takeCalls(), (Calls{"stop(true)"}));
-    EXPECT_EQ(p->getPlaylistSize(), 0u);
-    EXPECT_EQ(p->getPlaylistID(), id);
-    EXPECT_STREQ(p->getPlaylistTitle(), "list");
-
-    p->loadPlaylist_();
-    EXPECT_EQ(p->getPlaylistSize(), 3u);
-    EXPECT_EQ(p->clearPlayQueue(true), -1);
-    EXPECT_EQ(p->getPlaylistID(), -1);
-    EXPECT_EQ(p->getPlaylistTitle(), nullptr);
-    EXPECT_EQ(p->getPlaylistSize(), 0u);
-}
-
 }  // namespace

@@ -2,66 +2,27 @@
 // back-end that records what the base class asks of the device.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
-
 #include <chrono>
-#include <filesystem>
 #include <memory>
 #include <numeric>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "core/util/AppRoot.h"
-#include "player/CPlayer.h"
-#include "player/PlayerTypes.h"
 #include "playlist/CSqlitePlaylist.h"
+#include "unit/support/Files.h"
+#include "unit/support/Players.h"
 
-class RecordingPlayer : public CPlayer {
+class RecordingPlayer : public testsupport::FakePlayer {
 public:
     RecordingPlayer(uint32_t type, const char* title, const char* appType)
-        : CPlayer(type, "uuid:render-1", "Living room", title, appType) {}
-
-    int play() override {
-        calls.push_back("play");
-        setPlayerState(STATE_PLAY_E);
-        return 0;
-    }
-    int stop(bool force) override {
-        calls.push_back(force ? "stop(true)" : "stop(false)");
-        setPlayerState(STATE_STOP_E);
-        return 0;
-    }
-    int pause() override { return 0; }
-    int next() override { return 0; }
-    int previous() override { return 0; }
-    int seek(const char*) override { return 0; }
-    int setAudioAndSubtitle(const char*, int, int, const char*, const char*, const char*, const char*, const char*,
-                            const char*, int) override { return 0; }
-    int setVolume(int v) override {
-        volume = v;
-        return 0;
-    }
-    int getVolume() override { return volume; }
-
-    using CPlayer::setPlayerState;
-    using CPlayer::setSubtitleStyle;
-
-    // The calls since the last look, then forgotten.
-    std::vector<std::string> takeCalls() { return std::exchange(calls, {}); }
-
-    std::vector<std::string> calls;
-    int volume = -1;
+        : FakePlayer(type, "uuid:render-1", "Living room", title ? title : "", appType ? appType : "") {}
 };
 
 class PlayerTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char pattern[] = "/tmp/velmora-player-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        m_root = pattern;
-        std::filesystem::create_directories(m_root + "/share/Public");
+        ASSERT_FALSE(m_root.empty());
+        testsupport::makeDirs(m_root + "/share/Public");
         approot::set(m_root);
         CGlobalsSingleton<CSqlitePlaylist>::reset();
         CPlayer::setAirplaySettleDelay(std::chrono::milliseconds(0));
@@ -69,7 +30,6 @@ protected:
     void TearDown() override {
         CGlobalsSingleton<CSqlitePlaylist>::reset();
         approot::set("");
-        std::filesystem::remove_all(m_root);
     }
 
     // A playlist of "music" with the files /m/0.mp3 ... /m/<n-1>.mp3; returns its id.
@@ -106,11 +66,11 @@ protected:
         std::iota(out.begin(), out.end(), 0);
         return out;
     }
-
-    // A DLNA player with the "music" playlist title loaded.
+    // A player with the "music" playlist title loaded.
     static std::unique_ptr<RecordingPlayer> playerWith(const char* title, uint32_t type = playertype::kDlna) {
         return std::make_unique<RecordingPlayer>(type, title, "music");
     }
 
-    std::string m_root;
+    testsupport::TempDir m_tmp{"velmora-player"};
+    std::string m_root = m_tmp.path();
 };

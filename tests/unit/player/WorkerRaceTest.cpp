@@ -18,10 +18,9 @@ using namespace std::chrono_literals;
 // A back-end whose thread keeps doing what a playing worker does at a track's end and between
 // tracks; stop() returns only once that thread has come round its loop again, as a real
 // back-end's stop() waits for its worker to park.
-class WorkerPlayer : public CPlayer {
+class WorkerPlayer : public testsupport::FakePlayer {
 public:
-    explicit WorkerPlayer(const char* title)
-        : CPlayer(playertype::kDlna, "uuid:render-2", "Kitchen", title, "music") {}
+    explicit WorkerPlayer(const char* title) : FakePlayer(playertype::kDlna, "uuid:render-2", "Kitchen", title, "music") {}
     ~WorkerPlayer() override { quit(); }
 
     void quit() {
@@ -45,19 +44,10 @@ public:
         setPlayerState(STATE_STOP_E);
         return 0;
     }
-    int pause() override { return 0; }
-    int next() override { return 0; }
-    int previous() override { return 0; }
-    int seek(const char*) override { return 0; }
-    int setAudioAndSubtitle(const char*, int, int, const char*, const char*, const char*, const char*, const char*,
-                            const char*, int) override { return 0; }
-
     uint64_t passes() {
         std::lock_guard lock(m_mutex);
         return m_passes;
     }
-
-    using CPlayer::setPlayerState;
 
     // Written by the worker only, read after quit().
     uint64_t entriesFound = 0;

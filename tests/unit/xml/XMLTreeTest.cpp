@@ -15,31 +15,19 @@ const char* kRequest =
     "</paramList></root>";
 
 TEST(XMLTree, EmptyHandleAnswersEverythingWithNothing) {
-    XMLNode none;
-    EXPECT_TRUE(none.isEmpty());
-    EXPECT_TRUE(XMLNode::emptyNode().isEmpty());
-    XMLNode chained = none.getChildNode("a").getChildNode(3).getChildNodeByPath("b/c").getParentNode();
+    // A missing element deep in a request reads as nothing, and edits of it are ignored.
+    XMLNode root = XMLNode::parseString(kRequest, "root");
+    XMLNode chained = root.getChildNode("paramList").getChildNode("missing").getChildNode(3).getParentNode();
     EXPECT_TRUE(chained.isEmpty());
-    EXPECT_EQ(chained.getName(), nullptr);
     EXPECT_EQ(chained.getText(), nullptr);
     EXPECT_EQ(chained.getAttribute("x"), nullptr);
-    EXPECT_EQ(chained.getClear(), nullptr);
     EXPECT_EQ(chained.nChildNode() + chained.nText() + chained.nAttribute() + chained.nClear(), 0);
-    EXPECT_FALSE(chained.isDeclaration());
-    EXPECT_FALSE(chained.isAttributeSet("x"));
-    EXPECT_TRUE(chained.deepCopy().isEmpty());
     EXPECT_EQ(chained.toString(), "");
-
-    // Editing is silently ignored.
     EXPECT_TRUE(chained.addChild("x").isEmpty());
     chained.addText("t");
-    chained.addAttribute("a", "b");
-    chained.updateText("t");
     chained.deleteNodeContent();
     EXPECT_TRUE(chained.isEmpty());
-
-    XMLNode root = XMLNode::parseString(kRequest, "root");
-    EXPECT_EQ(root.getChildNode("paramList").getChildNode("missing").getChildNode("deeper").getText(), nullptr);
+    EXPECT_EQ(root.toString(0), kRequest);
 }
 
 TEST(XMLTree, LookupsIgnoreCaseOfNames) {
@@ -65,81 +53,10 @@ TEST(XMLTree, IteratingLookupsResumeFromTheStoredIndex) {
         seen += n.getText();
     EXPECT_EQ(seen, "ABC");
     EXPECT_EQ(i, 3);
-
     i = 0;
     EXPECT_STREQ(params.getChildNodeWithAttribute("player", "kind", nullptr, &i).getText(), "A");
     EXPECT_STREQ(params.getChildNodeWithAttribute("player", "kind", nullptr, &i).getText(), "C");
-    EXPECT_TRUE(params.getChildNodeWithAttribute("player", "kind", nullptr, &i).isEmpty());
     EXPECT_STREQ(params.getChildNodeWithAttribute("player", "id", "2").getText(), "B");
-    EXPECT_TRUE(params.getChildNodeWithAttribute("player", "kind", "photo").isEmpty());
-
-    XMLNode dup = XMLNode::parseString("<a x=\"1\" X=\"2\"/>", "a");
-    i = 0;
-    EXPECT_STREQ(dup.getAttribute("x", &i), "1");
-    EXPECT_STREQ(dup.getAttribute("x", &i), "2");
-    EXPECT_EQ(dup.getAttribute("x", &i), nullptr);
-}
-
-TEST(XMLTree, ContentPositionsAndEditing) {
-    XMLNode root = XMLNode::createXMLTopNode("root");
-    root.addText("t1");
-    root.addChild("c2");
-    root.addChild("c0", false, 0);  // before everything
-    root.addText("t0", 0);
-    root.addClear("k", "<!--", "-->", 2);  // before t1
-    EXPECT_EQ(root.toString(0), "<root>t0<c0/><!--k-->t1<c2/></root>");
-    EXPECT_STREQ(root.getText(0), "t0");
-    EXPECT_STREQ(root.getChildNode(0).getName(), "c0");
-
-    root.deleteText(0);
-    root.deleteClear(0);
-    root.updateText("T1");
-    root.updateText("extra", 5);  // no such text: appended
-    EXPECT_EQ(root.toString(0), "<root><c0/>T1<c2/>extra</root>");
-
-    root.addAttribute("a", "1");
-    root.addAttribute("flag", nullptr);
-    root.updateAttribute("2", "A");
-    root.updateAttribute("new", "b");
-    EXPECT_EQ(root.toString(0).rfind("<root a=\"2\" flag b=\"new\"><c0/>", 0), 0u);
-    EXPECT_TRUE(root.isAttributeSet("flag"));
-    EXPECT_EQ(root.getAttribute("flag"), nullptr);
-    root.deleteAttribute("FLAG");
-    root.deleteAttribute(0);
-    EXPECT_EQ(root.nAttribute(), 1);
-    EXPECT_STREQ(root.getAttributeName(0), "b");
-
-    root.updateName("top");
-    EXPECT_STREQ(root.getName(), "top");
-
-    XMLNode w = root.addChild_WOSD(stringDup("owned"));
-    w.addText_WOSD(stringDup("txt"));
-    w.addAttribute_WOSD(stringDup("k"), stringDup("v"));
-    EXPECT_EQ(w.toString(0), "<owned k=\"v\">txt</owned>");
-}
-
-TEST(XMLTree, HandlesShareTheElement) {
-    XMLNode root = XMLNode::createXMLTopNode("root");
-    XMLNode a = root.addChild("a");
-    XMLNode alias = root.getChildNode("a");
-    EXPECT_EQ(a, alias);
-    alias.addText("via alias");
-    EXPECT_STREQ(a.getText(), "via alias");
-    EXPECT_EQ(a.getParentNode(), root);
-
-    XMLNode copy(a);
-    XMLNode assigned;
-    assigned = copy;
-    assigned = assigned;  // self-assignment keeps the element
-    XMLNode moved(std::move(copy));
-    EXPECT_TRUE(copy.isEmpty());
-    EXPECT_EQ(moved, a);
-    EXPECT_EQ(assigned, a);
-
-    // A child outlives the handle of its document while it is referenced.
-    XMLNode child = XMLNode::parseString(kRequest, "root").getChildNode("command");
-    EXPECT_STREQ(child.getText(), "Play");
-    EXPECT_TRUE(child.getParentNode().isEmpty());
 }
 
 TEST(XMLTree, DeleteNodeContentDetachesAndLeavesOtherHandlesValid) {

@@ -1,0 +1,373 @@
+// The DLNA renderer player end to end on simulated renderers: what it sends the media agent,
+// how it follows the position, and how it reacts to refusals, stalls and the renderer's own
+// remote control.
+#include <algorithm>
+
+#include "DlnaTestSupport.h"
+
+namespace dlnatest {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+size_t indexOf(const std::vector<std::string>& lines, const std::string& line, size_t from = 0) {
+    auto it = std::find(lines.begin() + static_cast<std::ptrdiff_t>(std::min(from, lines.size())), lines.end(), line);
+    return it == lines.end() ? std::string::npos : static_cast<size_t>(it - lines.begin());
+}
+
+size_t countCommand(const std::vector<std::string>& lines, size_t from, size_t to, const char* command) {
+    size_t n = 0;
+    for (size_t i = from; i < to && i < lines.size(); ++i)
+        if (isAgentCommand(lines[i], command)) ++n;
+    return n;
+}
+
+TEST_F(DlnaTest, NormalQueuePlaysThroughInOrderAndStopsAtItsEnd) {
+    // An object, a file whose name a shell would split, and a library id.
+    makePlaylist("trip", {object("mu_101"), file(SimRoot::music("02 Rain & Thunder.mp3")),
+                          {MEDIA_AUDIO_E, CONTENT_DBID_E, "103"}});
+    auto p = player("trip");
+    newCalls();
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(2)));
+    EXPECT_EQ(p->getTotalTime(), "00:00:03");
+    ASSERT_TRUE(waitParkedIn(*p, STATE_STOP_E, seconds(10))) << "the queue did not end";
+
+    EXPECT_EQ(p->getCurrTrackIndex(), 2u);
+    EXPECT_EQ(p->getCurrTime(), "00:00:00");
+    EXPECT_EQ(rendererState(), "STOPPED");
+    std::vector<std::string> calls = newCalls();
+    EXPECT_EQ(loads(calls), (std::vector<std::string>{loadObject("mu_101"),
+                                                       loadFile(SimRoot::music("02 Rain & Thunder.mp3")),
+                                                       loadObject("mu_103")}));
+    EXPECT_GE(count(calls, agentCall({"-c", "getObjectID", "--dbID", "103", "--mediaType", "0"})), 1u);
+    // Each track was started once.
+    EXPECT_EQ(count(calls, agentCall({"-c", "Play", "--uuid", kTvId})), 3u);
+}
+
+TEST_F(DlnaTest, RepeatQueueWrapsAndStopLeavesTheRendererStopped) {
+    makePlaylist("loop", {object("mu_101"), object("mu_102")});
+    auto p = player("loop");
+    p->setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTrackIndex() == 1; }, seconds(4)));
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTrackIndex() == 0; }, seconds(4))) << "did not wrap";
+    EXPECT_EQ(p->getPlayerState(), STATE_PLAY_E);
+
+    ASSERT_EQ(p->stop(true), 0);
+    EXPECT_TRUE(p->isParked());
+    EXPECT_EQ(p->getPlayerState(), STATE_STOP_E);
+    EXPECT_EQ(p->getCurrTime(), "00:00:00");
+    EXPECT_EQ(rendererState(), "STOPPED");
+}
+
+TEST_F(DlnaTest, PhotoShowsForTheSlideShowDelayPlusOneTick) {
+    makePlaylist("album", {object("ph_301", MEDIA_PHOTO_E), object("mu_101")});
+    auto p = player("album");
+    p->setSlideShowDelay(3);
+    auto started = Clock::now();
+    ASSERT_EQ(p->play(), 0);
+    // The counter shows 0, 1, 2 a tick each; the pass that counts past the delay changes track.
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTime() == "00:00:02" && p->getCurrTrackIndex() == 0; }, seconds(2)));
+    EXPECT_EQ(p->getTotalTime(), "00:00:03");
+    auto lastShown = Clock::now();
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTrackIndex() == 1; }, seconds(2)));
+    EXPECT_LT(Clock::now() - lastShown, 18 * kTick / 10);
+    ASSERT_TRUE(waitFor([&] { return shown(kTvId, "objectID") == "mu_101"; }, seconds(2)));
+    // Loaded to the next entry loaded: four ticks.
+    EXPECT_GE(Clock::now() - started, 4 * kTick);
+    p->stop(true);
+}
+
+TEST_F(DlnaTest, RefusedTrackIsSkipped) {
+    ASSERT_TRUE(renderer(kTvId, {"refuse_content=mu_102"}));
+    makePlaylist("trip", {object("mu_101"), object("mu_102"), object("mu_103")});
+    auto p = player("trip");
+    newCalls();
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTrackIndex() == 2; }, seconds(6)));
+    ASSERT_TRUE(waitParkedIn(*p, STATE_STOP_E, seconds(4)));
+    EXPECT_EQ(loads(newCalls()),
+              (std::vector<std::string>{loadObject("mu_101"), loadObject("mu_102"), loadObject("mu_103")}));
+}
+
+TEST_F(DlnaTest, FullyRefusedRepeatingQueueStopsAfterOnePass) {
+    ASSERT_TRUE(renderer(kTvId, {"refuse=1"}));
+    makePlaylist("loop", {object("mu_101"), object("mu_102"), object("mu_103")});
+    auto p = player("loop");
+    p->setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
+    newCalls();
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(p->play(), 0);
+    bool stopped = waitFor([&] { return loads(fileLines(callsLog())).size() >= 3 && p->isParked(); }, seconds(6));
+    std::this_thread::sleep_for(5 * kTick);  // long enough for a fourth attempt, were there one
+    std::string log = testing::internal::GetCapturedStderr();
+    ASSERT_TRUE(stopped);
+    EXPECT_EQ(loads(newCalls()).size(), 3u);
+    EXPECT_NE(log.find("[Play] ---> [STOP] setAvTransportFailCnt:3"), std::string::npos);
+    EXPECT_EQ(p->getPlayerState(), STATE_STOP_E);
+}
+
+TEST_F(DlnaTest, BusyRendererIsAskedFiveTimesAtMost) {
+    makePlaylist("trip", {object("mu_101"), object("mu_102")});
+    auto p = player("trip");
+    p->setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
+
+    // Three Busy answers: the fourth attempt loads the track.
+    ASSERT_TRUE(renderer(kTvId, {"busy=3", "stall=1"}));
+    newCalls();
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return shown(kTvId, "objectID") == "mu_101"; }, seconds(3)));
+    EXPECT_EQ(loads(newCalls()), std::vector<std::string>(4, loadObject("mu_101")));
+    ASSERT_EQ(p->stop(true), 0);
+
+    // Five: the track is given up after its fifth attempt and the next one loads at once.
+    p->setCurrTrackIndex_(0);
+    ASSERT_TRUE(renderer(kTvId, {"busy=5"}));
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return shown(kTvId, "objectID") == "mu_102"; }, seconds(4)));
+    std::vector<std::string> expected(5, loadObject("mu_101"));
+    expected.push_back(loadObject("mu_102"));
+    EXPECT_EQ(loads(newCalls()), expected);
+    p->stop(true);
+}
+
+TEST_F(DlnaTest, StandingPositionGivesTheTrackUpAfterTwentyPolls) {
+    makePlaylist("trip", {file(SimRoot::longTrack()), object("mu_101")});
+    auto p = player("trip");
+    // The position polls between loading the long track and loading the next entry.
+    auto pollsUntilNext = [&](std::vector<std::string>& calls) {
+        bool loaded = waitFor(
+            [&] {
+                std::vector<std::string> more = newCalls();
+                calls.insert(calls.end(), more.begin(), more.end());
+                return indexOf(calls, loadObject("mu_101")) != std::string::npos;
+            },
+            seconds(6));
+        EXPECT_TRUE(loaded);
+        size_t first = indexOf(calls, loadFile(SimRoot::longTrack()));
+        EXPECT_NE(first, std::string::npos);
+        return countCommand(calls, first, indexOf(calls, loadObject("mu_101")), "getPositionInfo");
+    };
+
+    // A position that never moves: twenty polls, then the next entry.
+    ASSERT_TRUE(renderer(kTvId, {"stall=1"}));
+    newCalls();
+    auto started = Clock::now();
+    ASSERT_EQ(p->play(), 0);
+    std::vector<std::string> calls;
+    EXPECT_EQ(pollsUntilNext(calls), 20u);
+    EXPECT_GE(Clock::now() - started, 19 * kTick);
+    ASSERT_EQ(p->stop(true), 0);
+
+    // Position replies that say "fail": ten.
+    p->setCurrTrackIndex_(0);
+    ASSERT_TRUE(renderer(kTvId, {"stall=0", "fail_position=1"}));
+    newCalls();
+    ASSERT_EQ(p->play(), 0);
+    calls.clear();
+    EXPECT_EQ(pollsUntilNext(calls), 10u);
+    p->stop(true);
+}
+
+TEST_F(DlnaTest, OutsideStopStopsThePlayerUnlessNearTheEnd) {
+    makePlaylist("trip", {file(SimRoot::longTrack()), object("mu_101")});
+    auto p = player("trip");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 2; }, seconds(3)));
+    EXPECT_EQ(p->getTotalTime(), "00:00:40");
+
+    // Stopped on the renderer some 30 s before the end: the user stopped it there.
+    ASSERT_TRUE(renderer(kTvId, {"position=10", "speed=1"}));
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 10; }, seconds(2)));
+    ASSERT_TRUE(renderer(kTvId, {"outside=stop"}));
+    ASSERT_TRUE(waitParkedIn(*p, STATE_STOP_E, seconds(3)));
+    EXPECT_EQ(p->getCurrTrackIndex(), 0u);
+
+    // Some 8 s before the end: the renderer finished early; the track ends and the queue goes on.
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 1; }, seconds(3)));
+    ASSERT_TRUE(renderer(kTvId, {"position=32"}));
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 32; }, seconds(2)));
+    ASSERT_TRUE(renderer(kTvId, {"outside=stop"}));
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTrackIndex() == 1; }, seconds(6)));
+    EXPECT_NE(p->getPlayerState(), STATE_STOP_E);
+    EXPECT_FALSE(p->isParked());
+    p->stop(true);
+}
+
+TEST_F(DlnaTest, OutsidePauseParksAndPlayOnTheRendererResumes) {
+    makePlaylist("long", {file(SimRoot::longTrack())});
+    auto p = player("long");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 2; }, seconds(3)));
+
+    ASSERT_TRUE(renderer(kTvId, {"position=10", "outside=pause"}));
+    ASSERT_TRUE(waitParkedIn(*p, STATE_PAUSE_E, seconds(3)));
+    std::this_thread::sleep_for(3 * kTick);  // the monitor watches a paused renderer without acting
+    EXPECT_EQ(p->getPlayerState(), STATE_PAUSE_E);
+    EXPECT_EQ(rendererState(), "PAUSED_PLAYBACK");
+
+    newCalls();
+    ASSERT_TRUE(renderer(kTvId, {"outside=play"}));
+    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(2)));
+    EXPECT_TRUE(waitFor([&] { return !p->isParked() && p->getCurrTimeSecond() >= 12; }, seconds(3)));
+    // Resumed where it was, not loaded again.
+    EXPECT_TRUE(loads(newCalls()).empty());
+
+    // Switched off, the monitor leaves a renderer resumed from outside alone.
+    ASSERT_EQ(p->pause(), 0);
+    p->monitor(false);
+    EXPECT_FALSE(p->isMonitoring());
+    ASSERT_TRUE(renderer(kTvId, {"outside=play"}));
+    std::this_thread::sleep_for(4 * kTick);
+    EXPECT_EQ(p->getPlayerState(), STATE_PAUSE_E);
+    p->stop(true);
+}
+
+TEST_F(DlnaTest, EachMonitorJudgesOnlyItsOwnRenderer) {
+    makePlaylist("long", {file(SimRoot::longTrack())});
+    makePlaylist("album", {object("ph_301", MEDIA_PHOTO_E)});
+    auto tv = player("long", kTvId);
+    auto speaker = player("album", kSpeakerId);
+    speaker->setSlideShowDelay(60);
+    ASSERT_EQ(tv->play(), 0);
+    ASSERT_EQ(speaker->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return tv->getCurrTimeSecond() >= 2; }, seconds(3)));
+    ASSERT_TRUE(waitState(*speaker, STATE_PLAY_E, seconds(2)));
+
+    // The TV paused on its remote: its monitor keeps seeing a paused renderer.
+    ASSERT_TRUE(renderer(kTvId, {"position=10", "outside=pause"}));
+    ASSERT_TRUE(waitParkedIn(*tv, STATE_PAUSE_E, seconds(3)));
+    // A paused slide show leaves its renderer showing the photo, which reports PLAYING: that is
+    // no resume, whatever the other renderer did before.
+    ASSERT_EQ(speaker->pause(), 0);
+    EXPECT_EQ(rendererState(kSpeakerId), "PLAYING");
+    std::this_thread::sleep_for(6 * kTick);
+    EXPECT_EQ(speaker->getPlayerState(), STATE_PAUSE_E);
+    EXPECT_EQ(tv->getPlayerState(), STATE_PAUSE_E);
+    tv->stop(true);
+    speaker->stop(true);
+}
+
+TEST_F(DlnaTest, PauseHoldsThePositionAndPlayResumesWithoutReloading) {
+    makePlaylist("long", {file(SimRoot::longTrack())});
+    auto p = player("long");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 2; }, seconds(3)));
+
+    ASSERT_EQ(p->pause(), 0);
+    EXPECT_TRUE(p->isParked());
+    EXPECT_EQ(p->getPlayerState(), STATE_PAUSE_E);
+    EXPECT_EQ(rendererState(), "PAUSED_PLAYBACK");
+    EXPECT_EQ(p->pause(), 0);  // again: nothing to do
+
+    newCalls();
+    ASSERT_EQ(p->play(), 0);
+    EXPECT_EQ(p->getPlayerState(), STATE_PLAY_E);
+    EXPECT_EQ(rendererState(), "PLAYING");
+    std::vector<std::string> calls = newCalls();
+    EXPECT_EQ(count(calls, agentCall({"-c", "Play", "--uuid", kTvId})), 1u);
+    EXPECT_TRUE(loads(calls).empty());
+
+    // stop() from a pause stops the renderer too.
+    ASSERT_EQ(p->pause(), 0);
+    ASSERT_EQ(p->stop(false), 0);
+    EXPECT_EQ(p->getPlayerState(), STATE_STOP_E);
+    EXPECT_EQ(p->getCurrTime(), "00:00:00");
+    EXPECT_EQ(rendererState(), "STOPPED");
+}
+
+TEST_F(DlnaTest, NextAndPreviousRingTheQueueAndStartAtOnce) {
+    ASSERT_TRUE(renderer(kTvId, {"stall=1"}));  // tracks end only when told
+    makePlaylist("trip", {object("mu_101"), object("mu_102"), object("mu_103")});
+    auto p = player("trip");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(2)));
+
+    ASSERT_EQ(p->previous(), 0);
+    EXPECT_EQ(p->getCurrTrackIndex(), 2u);
+    EXPECT_TRUE(waitFor([&] { return shown(kTvId, "objectID") == "mu_103" && rendererState() == "PLAYING"; },
+                        seconds(2)));
+    ASSERT_EQ(p->next(), 0);
+    EXPECT_EQ(p->getCurrTrackIndex(), 0u);
+    EXPECT_TRUE(waitFor([&] { return shown(kTvId, "objectID") == "mu_101" && rendererState() == "PLAYING"; },
+                        seconds(2)));
+    EXPECT_TRUE(p->isMonitoring());
+
+    // From a pause, next() plays the next entry.
+    ASSERT_EQ(p->pause(), 0);
+    ASSERT_EQ(p->next(), 0);
+    EXPECT_TRUE(waitFor([&] { return shown(kTvId, "objectID") == "mu_102" && rendererState() == "PLAYING"; },
+                        seconds(2)));
+    p->stop(true);
+}
+
+TEST_F(DlnaTest, SeekReloadsAtThePositionAndDestroyingStopsTheRenderer) {
+    makePlaylist("long", {file(SimRoot::longTrack())});
+    auto p = player("long");
+    newCalls();
+    EXPECT_EQ(p->seek("00:00:20"), 0);  // stopped: ignored
+    EXPECT_TRUE(newCalls().empty());
+
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 1; }, seconds(3)));
+    newCalls();
+    ASSERT_EQ(p->seek("00:00:20"), 0);
+    std::vector<std::string> calls = newCalls();
+    size_t load = indexOf(calls, agentCall({"-c", "setAvTransportUrl", "--uuid", kTvId, "--filePath",
+                                            SimRoot::longTrack(), "--position", "00:00:20"}));
+    ASSERT_NE(load, std::string::npos);
+    EXPECT_EQ(countCommand(calls, 0, load, "Stop"), 0u);
+    EXPECT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 20; }, seconds(2)));
+    EXPECT_EQ(p->getPlayerState(), STATE_PLAY_E);
+    EXPECT_EQ(p->getCurrTrackIndex(), 0u);
+
+    // A transcoded stream cannot be moved while it plays: the renderer is stopped first.
+    ASSERT_TRUE(renderer(kTvId, {"transcode=1"}));
+    ASSERT_EQ(p->seek("00:00:05"), 0);
+    calls = newCalls();
+    load = indexOf(calls, agentCall({"-c", "setAvTransportUrl", "--uuid", kTvId, "--filePath", SimRoot::longTrack(),
+                                     "--position", "00:00:05"}));
+    ASSERT_NE(load, std::string::npos);
+    EXPECT_GE(countCommand(calls, 0, load, "Stop"), 1u);
+    EXPECT_EQ(p->getSeekOffset(), "00:00:05");
+
+    // Destroyed while playing: the renderer is stopped, the threads end (the fixture counts).
+    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(2)));
+    auto started = Clock::now();
+    p.reset();
+    EXPECT_LT(Clock::now() - started, seconds(2));
+    EXPECT_EQ(rendererState(), "STOPPED");
+}
+
+TEST_F(DlnaTest, NewPlayerStopsItsRendererParksAndClampsTheVolume) {
+    ASSERT_TRUE(renderer(kTvId, {"xbmc=1"}));
+    auto p = player();
+    EXPECT_TRUE(p->isParked());
+    EXPECT_TRUE(p->isXBMC());
+    EXPECT_EQ(p->getPlayerState(), STATE_STOP_E);
+    EXPECT_EQ(p->play(), -1);  // nothing queued
+    EXPECT_EQ(p->next(), 0);   // stopped: nothing to move
+    std::vector<std::string> calls = newCalls();
+    EXPECT_EQ(count(calls, agentCall({"-c", "isXBMC", "--uuid", kTvId})), 1u);
+    EXPECT_GE(count(calls, agentCall({"-c", "Stop", "--uuid", kTvId})), 1u);
+    std::string dump;
+    p->debugDump(dump);
+    EXPECT_NE(dump.find("m_bStuckOnWaitLock :1"), std::string::npos) << dump;
+
+    EXPECT_EQ(p->getVolume(), 30);
+    ASSERT_EQ(p->setVolume(150), 0);
+    EXPECT_EQ(p->getVolume(), 100);
+    ASSERT_EQ(p->setVolume(-3), 0);
+    EXPECT_EQ(p->getVolume(), 0);
+    calls = newCalls();
+    EXPECT_EQ(count(calls, agentCall({"-c", "setVolume", "--uuid", kTvId, "--vol", "100"})), 1u);
+    EXPECT_EQ(count(calls, agentCall({"-c", "setVolume", "--uuid", kTvId, "--vol", "0"})), 1u);
+    ASSERT_TRUE(renderer(kTvId, {"present=0"}));
+    EXPECT_EQ(p->setVolume(50), -1);
+    EXPECT_EQ(p->getVolume(), -1);
+}
+
+}  // namespace
+}  // namespace dlnatest
