@@ -5,16 +5,15 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #include "core/Framing.h"
+#include "unit/support/Files.h"
 
 namespace itest {
+
+using std::chrono::milliseconds;
 
 SimRoot::SimRoot() {
     char tmpl[] = "/tmp/vtest-XXXXXX";
@@ -45,23 +44,18 @@ Daemon::~Daemon() {
 }
 
 bool Daemon::waitReady(int timeoutMs) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    std::string sock = vclient::socketPathForRoot(m_root);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (!running()) return false;
-        vclient::Exchange ex = vclient::exchange(sock, vclient::buildRequest("echo", {}));
-        if (ex.ok) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+    return testsupport::eventually([&] { return !running() || raw("<root><command>echo</command></root>").ok; },
+                                   milliseconds(timeoutMs), milliseconds(20)) &&
+           running();
 }
 
 int Daemon::stop(int timeoutMs) {
-    if (!m_proc.running()) return WIFEXITED(m_proc.waitStatus()) ? WEXITSTATUS(m_proc.waitStatus()) : -1;
-    ::kill(m_proc.pid(), SIGTERM);
-    if (!m_proc.waitFor(timeoutMs)) {
-        m_proc.kill();
-        return -1;
+    if (m_proc.running()) {
+        ::kill(m_proc.pid(), SIGTERM);
+        if (!m_proc.waitFor(timeoutMs)) {
+            m_proc.kill();
+            return -1;
+        }
     }
     int status = m_proc.waitStatus();
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -69,25 +63,15 @@ int Daemon::stop(int timeoutMs) {
 
 bool Daemon::running() { return !m_proc.tryWait(); }
 
-std::string Daemon::log() const {
-    std::ifstream in(m_logPath);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+std::string Daemon::log() const { return testsupport::readFile(m_logPath); }
 
 bool Daemon::waitForLog(const std::string& text, int timeoutMs, size_t after) const {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (log().find(text, after) == std::string::npos) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
+    return testsupport::eventually([&] { return log().find(text, after) != std::string::npos; },
+                                   milliseconds(timeoutMs), milliseconds(10));
 }
 
 vclient::Answer Daemon::request(const std::string& command, const vclient::Params& params) {
-    vclient::Exchange ex = raw(vclient::buildRequest(command, params));
-    return vclient::parseAnswer(ex.answer);
+    return vclient::parseAnswer(raw(vclient::buildRequest(command, params)).answer);
 }
 
 vclient::Exchange Daemon::raw(const std::string& requestText) {
@@ -106,36 +90,30 @@ int runDaemonOnce(const std::string& root, std::string& output, int timeoutMs) {
 
 int connectTo(const std::string& path) {
     int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
     timeval tv{15, 0};
     ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return fd;
+    if (fd >= 0) ::close(fd);
+    return -1;
 }
 
 std::string readFramedAnswer(int fd) {
+    auto readAll = [fd](char* to, size_t size) {
+        for (size_t got = 0; got < size;) {
+            ssize_t n = ::read(fd, to + got, size - got);
+            if (n <= 0) return false;
+            got += static_cast<size_t>(n);
+        }
+        return true;
+    };
     char header[framing::kHeaderSize];
-    size_t got = 0;
-    while (got < sizeof header) {
-        ssize_t n = ::read(fd, header + got, sizeof header - got);
-        if (n <= 0) return {};
-        got += static_cast<size_t>(n);
-    }
+    if (!readAll(header, sizeof header)) return {};
     long long len = framing::parseHeader(header, sizeof header);
-    if (len < 0) return {};
-    std::string body(static_cast<size_t>(len), '\0');
-    got = 0;
-    while (got < body.size()) {
-        ssize_t n = ::read(fd, body.data() + got, body.size() - got);
-        if (n <= 0) return {};
-        got += static_cast<size_t>(n);
-    }
+    std::string body(len < 0 ? 0 : static_cast<size_t>(len), '\0');
+    if (len < 0 || !readAll(body.data(), body.size())) return {};
     [[maybe_unused]] ssize_t n = ::write(fd, "A", 1);
     return body;
 }

@@ -2,10 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <thread>
 
 #include "core/util/Process.h"
 #include "integration/DaemonFixture.h"
+#include "unit/support/Files.h"
 
 using namespace itest;
 using namespace std::chrono_literals;
@@ -29,14 +29,9 @@ TEST(DlnaRendererTest, ListedRendererPlaysAndStops) {
         const char* s = daemon.request("GetPlayerStatus", {{"dev", tv}}).doc.getChildNode("playerState").getText();
         return std::string(s ? s : "");
     };
-    auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (state() != "PLAY" && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(100ms);
-    ASSERT_EQ(state(), "PLAY") << daemon.log();
-
+    ASSERT_TRUE(testsupport::eventually([&] { return state() == "PLAY"; }, 10s, 100ms)) << daemon.log();
     // The renderer itself was told to play the first track.
-    ProcessOptions opts;
-    opts.capture = ProcessOptions::Capture::Both;
-    ProcessResult show = runProcess({root.path() + "/var/sim/simctl", "renderer-show", tv}, opts);
+    ProcessResult show = runProcess({root.path() + "/var/sim/simctl", "renderer-show", tv});
     EXPECT_NE(show.output.find("mu_101"), std::string::npos) << show.output;
 
     vclient::Answer debug = daemon.request("debugDump", {{"dev", tv}});

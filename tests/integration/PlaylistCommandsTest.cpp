@@ -5,14 +5,13 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include "integration/DaemonFixture.h"
+#include "unit/support/Files.h"
 
 using namespace itest;
-using namespace std::chrono_literals;
+using Strings = std::vector<std::string>;
 
 namespace {
 
@@ -32,47 +31,44 @@ protected:
         daemon = std::make_unique<Daemon>(root.path());
         ASSERT_TRUE(daemon->waitReady()) << daemon->log();
     }
-    void restart() {
-        ASSERT_EQ(daemon->stop(), 0) << daemon->log();
-        start();
-    }
 
     vclient::Answer req(const std::string& command, const vclient::Params& params = {}) {
         return daemon->request(command, params);
     }
     int code(const std::string& command, const vclient::Params& params = {}) { return req(command, params).code; }
-
-    void createPlaylist(const std::string& title, const std::string& app = "music") {
-        ASSERT_EQ(code("CreatePlaylist", {{"playlist", title}, {"playlistType", "audio"}, {"appType", app}}), 0);
+    // Text of <name> in the index-th <element> of an answer ("" when absent).
+    static std::string text(const vclient::Answer& a, const char* element, int index, const char* name) {
+        const char* t = a.doc.getChildNode(element, index).getChildNode(name).getText();
+        return t ? t : "";
     }
-    void addContent(const std::string& title, const std::string& content, const std::string& order = "",
-                    const std::string& contentType = "file", const std::string& media = "audio") {
+    vclient::Answer list(const std::string& title, const std::string& app = "music") {
+        return req("ListContentOfPlaylist", {{"playlist", title}, {"appType", app}});
+    }
+
+    void createPlaylist(const std::string& title) {
+        ASSERT_EQ(code("CreatePlaylist", {{"playlist", title}, {"playlistType", "audio"}, {"appType", "music"}}), 0);
+    }
+    void addContent(const std::string& title, const std::string& content, const std::string& contentType = "file",
+                    const std::string& media = "audio", const std::string& order = "") {
         vclient::Params p{{"playlist", title}, {"contentType", contentType}, {"mediaType", media},
                           {"content", content}, {"appType", "music"}};
         if (!order.empty()) p.emplace_back("orderNum", order);
         ASSERT_EQ(code("AddContent", p), 0) << content;
     }
-    // The contents of a playlist in order.
-    std::vector<std::string> contents(const std::string& title, const std::string& app = "music") {
-        vclient::Answer a = req("ListContentOfPlaylist", {{"playlist", title}, {"appType", app}});
-        std::vector<std::string> out;
+    // The contents of a playlist in order, their order numbers checked on the way.
+    Strings contents(const std::string& title, const std::string& app = "music") {
+        vclient::Answer a = list(title, app);
+        Strings out;
         for (int i = 0; i < a.doc.nChildNode("item"); ++i) {
-            XMLNode item = a.doc.getChildNode("item", i);
-            EXPECT_EQ(std::stoi(item.getChildNode("orderNum").getText()), i);
-            out.push_back(item.getChildNode("content").getText());
+            EXPECT_EQ(text(a, "item", i, "orderNum"), std::to_string(i));
+            out.push_back(text(a, "item", i, "content"));
         }
         return out;
     }
-    std::string uuidAt(const std::string& title, int index) {
-        vclient::Answer a = req("ListContentOfPlaylist", {{"playlist", title}, {"appType", "music"}});
-        return a.doc.getChildNode("item", index).getChildNode("uuid").getText();
+    std::string writeFile(const std::string& name, const std::string& body) {
+        testsupport::writeFile(root.path() + "/tmp/" + name, body);
+        return root.path() + "/tmp/" + name;
     }
-    std::string writeFile(const std::string& name, const std::string& text) {
-        std::string path = root.path() + "/tmp/" + name;
-        std::ofstream(path) << text;
-        return path;
-    }
-    std::string dbPath() const { return root.path() + "/share/.modl/.@Ostrafel/playlist.db"; }
 
     SimRoot root;
     std::unique_ptr<Daemon> daemon;
@@ -88,16 +84,15 @@ TEST_F(PlaylistTest, CreateListAndCountPlaylists) {
 
     // The same title again in the same application is refused; another application may have it.
     EXPECT_EQ(code("CreatePlaylist", {{"playlist", "Party"}, {"playlistType", "audio"}, {"appType", "music"}}), -12);
-    createPlaylist("Party", "photos");
+    EXPECT_EQ(code("CreatePlaylist", {{"playlist", "Party"}, {"playlistType", "audio"}, {"appType", "photos"}}), 0);
     createPlaylist("Quiet");
     createPlaylist("Odd type");
 
     EXPECT_STREQ(req("SizeOfPlaylist", {{"appType", "music"}}).doc.getChildNode("size").getText(), "3");
     EXPECT_STREQ(req("SizeOfPlaylist", {{"appType", "ALL"}}).doc.getChildNode("size").getText(), "4");
-
     vclient::Answer page = req("ListPlaylist", {{"appType", "music"}, {"start", "1"}, {"count", "1"}});
     ASSERT_EQ(page.doc.nChildNode("playlist"), 1);
-    EXPECT_STREQ(page.doc.getChildNode("playlist").getChildNode("title").getText(), "Quiet");
+    EXPECT_EQ(text(page, "playlist", 0, "title"), "Quiet");
     // start without count lists everything.
     EXPECT_EQ(req("ListPlaylist", {{"appType", "music"}, {"start", "2"}}).doc.nChildNode("playlist"), 3);
     EXPECT_EQ(req("ListPlaylist", {{"appType", "ALL"}}).doc.nChildNode("playlist"), 4);
@@ -106,59 +101,45 @@ TEST_F(PlaylistTest, CreateListAndCountPlaylists) {
     EXPECT_EQ(code("ListPlaylist"), -3);
 }
 
-TEST_F(PlaylistTest, EntriesKeepTheirOrderThroughEdits) {
+TEST_F(PlaylistTest, EntriesKeepTheirOrderThroughEditsAndFailuresAnswerTheirCodes) {
     createPlaylist("Mix");
-    addContent("Mix", "a");
-    addContent("Mix", "c");
-    addContent("Mix", "b", "1");   // inserted in the middle
-    addContent("Mix", "z", "99");  // beyond the end: appended
-    addContent("Mix", "obj-7", "", "object");
-    EXPECT_EQ(contents("Mix"), (std::vector<std::string>{"a", "b", "c", "z", "obj-7"}));
+    for (const char* c : {"a", "c"}) addContent("Mix", c);
+    addContent("Mix", "b", "file", "audio", "1");  // inserted in the middle
+    addContent("Mix", "obj-7", "object");
+    EXPECT_EQ(text(list("Mix"), "item", 3, "upnpID"), "obj-7");
+    EXPECT_EQ(text(list("Mix"), "item", 0, "upnpID"), "N/A");
 
-    vclient::Answer list = req("ListContentOfPlaylist", {{"playlist", "Mix"}, {"appType", "music"}});
-    EXPECT_STREQ(list.doc.getChildNode("item", 4).getChildNode("upnpID").getText(), "obj-7");
-    EXPECT_STREQ(list.doc.getChildNode("item", 0).getChildNode("upnpID").getText(), "N/A");
-
-    ASSERT_EQ(code("ReOrderContent", {{"playlist", "Mix"}, {"origOrder", "4"}, {"newOrder", "0"}, {"appType", "music"}}), 0);
-    EXPECT_EQ(contents("Mix"), (std::vector<std::string>{"obj-7", "a", "b", "c", "z"}));
-
-    ASSERT_EQ(code("DelContent", {{"playlist", "Mix"}, {"uuid", uuidAt("Mix", 2)}, {"appType", "music"}}), 0);
-    EXPECT_EQ(contents("Mix"), (std::vector<std::string>{"obj-7", "a", "c", "z"}));
-    EXPECT_STREQ(req("SizeOfListContent", {{"playlist", "Mix"}, {"appType", "music"}}).doc.getChildNode("size").getText(), "4");
-
+    ASSERT_EQ(code("ReOrderContent", {{"playlist", "Mix"}, {"origOrder", "3"}, {"newOrder", "0"}, {"appType", "music"}}), 0);
+    ASSERT_EQ(code("DelContent", {{"playlist", "Mix"}, {"uuid", text(list("Mix"), "item", 2, "uuid")}, {"appType", "music"}}), 0);
+    EXPECT_EQ(contents("Mix"), (Strings{"obj-7", "a", "c"}));
+    EXPECT_STREQ(req("SizeOfListContent", {{"playlist", "Mix"}, {"appType", "music"}}).doc.getChildNode("size").getText(), "3");
     vclient::Answer page = req("ListContentOfPlaylist", {{"playlist", "Mix"}, {"appType", "music"}, {"start", "1"}, {"count", "2"}});
     ASSERT_EQ(page.doc.nChildNode("item"), 2);
-    EXPECT_STREQ(page.doc.getChildNode("item", 0).getChildNode("content").getText(), "a");
-    EXPECT_EQ(code("ListContentOfPlaylist", {{"playlist", "Mix"}, {"appType", "music"}, {"start", "4"}, {"count", "1"}}), -11);
-
+    EXPECT_EQ(text(page, "item", 0, "content"), "a");
+    EXPECT_EQ(code("ListContentOfPlaylist", {{"playlist", "Mix"}, {"appType", "music"}, {"start", "3"}, {"count", "1"}}), -11);
     ASSERT_EQ(code("DelPlaylist", {{"playlist", "Mix"}, {"appType", "music"}}), 0);
-    EXPECT_EQ(code("ListContentOfPlaylist", {{"playlist", "Mix"}, {"appType", "music"}}), -10);
-}
+    EXPECT_EQ(list("Mix").code, -10);
 
-TEST_F(PlaylistTest, FailuresAnswerTheirCodes) {
     EXPECT_EQ(code("SizeOfListContent", {{"appType", "music"}}), -10);
     EXPECT_EQ(code("SizeOfListContent", {{"playlist", "none"}, {"appType", "music"}}), -14);
     EXPECT_EQ(code("ReOrderContent", {{"playlist", "none"}, {"origOrder", "0"}, {"newOrder", "1"}, {"appType", "music"}}), -14);
-    EXPECT_EQ(code("AddContent", {{"playlist", "none"}, {"contentType", "file"}, {"mediaType", "audio"},
-                                  {"content", "x"}, {"appType", "music"}}), -12);
     EXPECT_EQ(code("DelContent", {{"playlist", "none"}, {"uuid", "1"}, {"appType", "music"}}), -12);
     EXPECT_EQ(code("AddContent", {{"playlist", "x"}}), -3);
     EXPECT_EQ(code("DupPlaylist", {{"playlist_src", "none"}, {"playlist_dest", "y"}, {"appType", "music"}}), -10);
-    // Deleting a playlist that does not exist succeeds.
-    EXPECT_EQ(code("DelPlaylist", {{"playlist", "none"}, {"appType", "music"}}), 0);
+    EXPECT_EQ(code("DelPlaylist", {{"playlist", "none"}, {"appType", "music"}}), 0);  // nothing to delete is fine
 }
 
 TEST_F(PlaylistTest, HostileTextsAreStoredIntactAndSurviveARestart) {
     createPlaylist(kHostileTitle);
     addContent(kHostileTitle, kHostileContent);
     addContent(kHostileTitle, "plain.mp3");
-    EXPECT_EQ(contents(kHostileTitle), (std::vector<std::string>{kHostileContent, "plain.mp3"}));
+    EXPECT_EQ(contents(kHostileTitle), (Strings{kHostileContent, "plain.mp3"}));
     EXPECT_NE(::access("/tmp/pwned", F_OK), 0);
 
-    restart();
-    EXPECT_EQ(contents(kHostileTitle), (std::vector<std::string>{kHostileContent, "plain.mp3"}));
-    vclient::Answer list = req("ListPlaylist", {{"appType", "music"}});
-    EXPECT_EQ(list.doc.getChildNode("playlist").getChildNode("title").getText(), kHostileTitle);
+    ASSERT_EQ(daemon->stop(), 0) << daemon->log();
+    start();
+    EXPECT_EQ(contents(kHostileTitle), (Strings{kHostileContent, "plain.mp3"}));
+    EXPECT_EQ(text(req("ListPlaylist", {{"appType", "music"}}), "playlist", 0, "title"), kHostileTitle);
 }
 
 TEST_F(PlaylistTest, BatchAddCreatesFillsAndInsertsAtAPosition) {
@@ -169,63 +150,56 @@ TEST_F(PlaylistTest, BatchAddCreatesFillsAndInsertsAtAPosition) {
         "<item>bare</item></root>");
     ASSERT_EQ(code("BatchAddPlaylist", {{"filePath", file}}), 0);
     EXPECT_NE(::access(file.c_str(), F_OK), 0) << "the batch file is removed";
-    EXPECT_EQ(contents("Album"), (std::vector<std::string>{"p1.jpg", "p2 & <x>.jpg", "bare"}));
-    vclient::Answer list = req("ListContentOfPlaylist", {{"playlist", "Album"}, {"appType", "music"}});
-    EXPECT_STREQ(list.doc.getChildNode("item", 2).getChildNode("mediaType").getText(), "UNKNOW");
-    EXPECT_STREQ(list.doc.getChildNode("item", 2).getChildNode("contentType").getText(), "UNKNOW");
+    EXPECT_EQ(contents("Album"), (Strings{"p1.jpg", "p2 & <x>.jpg", "bare"}));
+    EXPECT_EQ(text(list("Album"), "item", 2, "mediaType"), "UNKNOW");
+    EXPECT_EQ(text(list("Album"), "item", 2, "contentType"), "UNKNOW");
     vclient::Answer lib = req("ListPlaylist", {{"appType", "music"}});
-    EXPECT_STREQ(lib.doc.getChildNode("playlist").getChildNode("type").getText(), "photo");
-    EXPECT_STREQ(lib.doc.getChildNode("playlist").getChildNode("owner").getText(), "bob");
+    EXPECT_EQ(text(lib, "playlist", 0, "type"), "photo");
+    EXPECT_EQ(text(lib, "playlist", 0, "owner"), "bob");
 
     file = writeFile("batch2.xml", "<root><playlist>Album</playlist><appType>music</appType>"
                                    "<item>n1</item><item>n2</item></root>");
     ASSERT_EQ(code("BatchAddPlaylist", {{"filePath", file}, {"start", "1"}}), 0);
-    EXPECT_EQ(contents("Album"), (std::vector<std::string>{"p1.jpg", "n1", "n2", "p2 & <x>.jpg", "bare"}));
-    file = writeFile("batch3.xml", "<root><playlist>Album</playlist><appType>music</appType><item>end</item></root>");
-    ASSERT_EQ(code("BatchAddPlaylist", {{"filePath", file}, {"start", "5"}}), 0);  // at the end: appended
-    EXPECT_EQ(contents("Album").back(), "end");
+    EXPECT_EQ(contents("Album"), (Strings{"p1.jpg", "n1", "n2", "p2 & <x>.jpg", "bare"}));
 
     EXPECT_EQ(code("BatchAddPlaylist", {{"filePath", root.path() + "/tmp/missing.xml"}}), -15);
-    std::string bad = writeFile("bad.xml", "<root><playlist>x</root>");
-    EXPECT_EQ(code("BatchAddPlaylist", {{"filePath", bad}}), -16);
-    std::string untitled = writeFile("untitled.xml", "<root><appType>music</appType><item>x</item></root>");
-    EXPECT_EQ(code("BatchAddPlaylist", {{"filePath", untitled}}), -12);
-    EXPECT_EQ(::access(untitled.c_str(), F_OK), 0) << "a refused file is left in place";
+    EXPECT_EQ(code("BatchAddPlaylist", {{"filePath", writeFile("bad.xml", "<root><playlist>x</root>")}}), -16);
+    file = writeFile("untitled.xml", "<root><appType>music</appType><item>x</item></root>");
+    EXPECT_EQ(code("BatchAddPlaylist", {{"filePath", file}}), -12);
+    EXPECT_EQ(::access(file.c_str(), F_OK), 0) << "a refused file is left in place";
 }
 
 TEST_F(PlaylistTest, BatchDeleteRemovesListedEntries) {
     createPlaylist("L");
     for (const char* c : {"a", "b", "c", "d"}) addContent("L", c);
     std::string file = writeFile("del.xml", "<root><playlist>L</playlist><appType>music</appType><uuid>" +
-                                                uuidAt("L", 1) + "</uuid><uuid>" + uuidAt("L", 3) + "</uuid></root>");
+                                                text(list("L"), "item", 1, "uuid") + "</uuid><uuid>" +
+                                                text(list("L"), "item", 3, "uuid") + "</uuid></root>");
     ASSERT_EQ(code("BatchDelPlaylist", {{"filePath", file}}), 0);
-    EXPECT_EQ(contents("L"), (std::vector<std::string>{"a", "c"}));
+    EXPECT_EQ(contents("L"), (Strings{"a", "c"}));
     EXPECT_EQ(::access(file.c_str(), F_OK), 0);  // kept
 
-    std::string none = writeFile("del2.xml", "<root><playlist>nope</playlist><appType>music</appType></root>");
-    EXPECT_EQ(code("BatchDelPlaylist", {{"filePath", none}}), -14);
-    std::string untitled = writeFile("del3.xml", "<root><appType>music</appType></root>");
-    EXPECT_EQ(code("BatchDelPlaylist", {{"filePath", untitled}}), -16);
+    file = writeFile("del2.xml", "<root><playlist>nope</playlist><appType>music</appType></root>");
+    EXPECT_EQ(code("BatchDelPlaylist", {{"filePath", file}}), -14);
+    EXPECT_EQ(code("BatchDelPlaylist", {{"filePath", writeFile("del3.xml", "<root><appType>music</appType></root>")}}), -16);
 }
 
 TEST_F(PlaylistTest, DuplicateKeepsSpecialCharactersAndMarksVideosUnknown) {
     createPlaylist("Src");
     addContent("Src", kHostileContent);
-    addContent("Src", "clip.mp4", "", "file", "video");
-    addContent("Src", "obj-1", "", "object", "photo");
-    ASSERT_EQ(code("DupPlaylist", {{"playlist_src", "Src"}, {"playlist_dest", "Copy & <more>"}, {"appType", "music"}}), 0);
-    EXPECT_EQ(contents("Copy & <more>"), (std::vector<std::string>{kHostileContent, "clip.mp4", "obj-1"}));
-    vclient::Answer list = req("ListContentOfPlaylist", {{"playlist", "Copy & <more>"}, {"appType", "music"}});
-    EXPECT_STREQ(list.doc.getChildNode("item", 1).getChildNode("mediaType").getText(), "UNKNOW");
-    EXPECT_STREQ(list.doc.getChildNode("item", 2).getChildNode("contentType").getText(), "object");
-
+    addContent("Src", "clip.mp4", "file", "video");
+    addContent("Src", "obj-1", "object", "photo");
+    const vclient::Params dup{{"playlist_src", "Src"}, {"playlist_dest", "Copy & <more>"}, {"appType", "music"}};
+    ASSERT_EQ(code("DupPlaylist", dup), 0);
+    EXPECT_EQ(contents("Copy & <more>"), (Strings{kHostileContent, "clip.mp4", "obj-1"}));
+    EXPECT_EQ(text(list("Copy & <more>"), "item", 1, "mediaType"), "UNKNOW");
+    EXPECT_EQ(text(list("Copy & <more>"), "item", 2, "contentType"), "object");
     // Duplicating again replaces the earlier copy instead of appending to it.
-    ASSERT_EQ(code("DupPlaylist", {{"playlist_src", "Src"}, {"playlist_dest", "Copy & <more>"}, {"appType", "music"}}), 0);
+    ASSERT_EQ(code("DupPlaylist", dup), 0);
     EXPECT_EQ(contents("Copy & <more>").size(), 3u);
 
-    // Into another application.
     ASSERT_EQ(code("DupPlaylist", {{"playlist_src", "Src"}, {"playlist_dest", "Theirs"}, {"appType", "music"},
-                                   {"destAppType", "video"}}), 0);
+                                   {"destAppType", "video"}}), 0);  // into another application
     EXPECT_EQ(contents("Theirs", "video").size(), 3u);
 
     // An empty source answers 0 and makes nothing.
@@ -239,12 +213,10 @@ TEST_F(PlaylistTest, UpnpObjectIdComesFromTheMediaAgent) {
     vclient::Answer a = req("GetUpnpObjectID", {{"filePath", root.path() + "/share/Public/Music/02 Rain & Thunder.mp3"}});
     ASSERT_EQ(a.code, 0);
     EXPECT_STREQ(a.doc.getChildNode("objectID").getText(), "mu_102");
-
     // A file the media library does not know, a missing file (the agent is not asked), no path.
     EXPECT_EQ(code("GetUpnpObjectID", {{"filePath", writeFile("stranger.mp3", "x")}}), -13);
     EXPECT_EQ(code("GetUpnpObjectID", {{"filePath", root.path() + "/share/Public/none.mp3"}}), -13);
-    std::ifstream in(root.path() + "/var/sim/calls.log");
-    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(in)), {}).find("none.mp3"), std::string::npos);
+    EXPECT_EQ(testsupport::readFile(root.path() + "/var/sim/calls.log").find("none.mp3"), std::string::npos);
     EXPECT_EQ(code("GetUpnpObjectID"), -3);
 }
 
@@ -252,10 +224,9 @@ TEST_F(PlaylistTest, UpnpObjectIdComesFromTheMediaAgent) {
 TEST_F(PlaylistTest, KilledDuringABatchKeepsAllOrNothing) {
     createPlaylist("Keep");
     for (const char* c : {"k1", "k2", "k3"}) addContent("Keep", c);
-
-    std::string items;
-    for (int i = 0; i < 20000; ++i) items += "<item mediaType=\"audio\" contentType=\"file\">/m/" + std::to_string(i) + ".mp3</item>";
-    const std::string batch = "<root><playlist>Big</playlist><appType>music</appType>" + items + "</root>";
+    std::string batch = "<root><playlist>Big</playlist><appType>music</appType>";
+    for (int i = 0; i < 20000; ++i) batch += "<item mediaType=\"audio\" contentType=\"file\">/m/" + std::to_string(i) + ".mp3</item>";
+    batch += "</root>";
 
     for (int delayMs : {0, 10, 25, 60}) {
         std::string file = writeFile("big.xml", batch);
@@ -271,19 +242,21 @@ TEST_F(PlaylistTest, KilledDuringABatchKeepsAllOrNothing) {
         vclient::Answer size = req("SizeOfListContent", {{"playlist", "Big"}, {"appType", "music"}});
         int n = size.code == 0 ? std::stoi(size.doc.getChildNode("size").getText()) : 0;
         EXPECT_TRUE(n % 20000 == 0) << "partial batch of " << n << " after " << delayMs << " ms";
-        EXPECT_EQ(contents("Keep"), (std::vector<std::string>{"k1", "k2", "k3"}));
+        EXPECT_EQ(contents("Keep"), (Strings{"k1", "k2", "k3"}));
     }
     ASSERT_EQ(daemon->stop(), 0);
     daemon.reset();
 
     sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(dbPath().c_str(), &db), SQLITE_OK);
-    sqlite3_stmt* st = nullptr;
-    ASSERT_EQ(sqlite3_prepare_v2(db, "PRAGMA integrity_check", -1, &st, nullptr), SQLITE_OK);
-    ASSERT_EQ(sqlite3_step(st), SQLITE_ROW);
-    EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(st, 0)), "ok");
-    sqlite3_finalize(st);
+    ASSERT_EQ(sqlite3_open((root.path() + "/share/.modl/.@Ostrafel/playlist.db").c_str(), &db), SQLITE_OK);
+    std::string check;
+    auto keep = [](void* out, int, char** v, char**) {
+        *static_cast<std::string*>(out) = v[0] ? v[0] : "";
+        return 0;
+    };
+    sqlite3_exec(db, "PRAGMA integrity_check", keep, &check, nullptr);
     sqlite3_close(db);
+    EXPECT_EQ(check, "ok");
 }
 
 }  // namespace

@@ -30,44 +30,23 @@ inline const char* const kToneC = "c659.flac";
 inline const char* const kLong = "long4s.flac";
 
 // The shared root, with the test tracks made on first use.
-class SimRoot {
-public:
+struct SimRoot {
     static const std::string& path() {
-        static const std::string root = makeTones() ? testsupport::simRoot() : "";
+        static const std::string root = testsupport::simRoot().empty() ? "" : makeTones();
         return root;
     }
     static std::string track(const char* name) { return path() + "/share/Public/Music/alsa-test/" + name; }
 
 private:
-    static bool makeTones() {
+    static std::string makeTones() {
         const std::string dir = testsupport::simRoot() + "/share/Public/Music/alsa-test/";
-        if (testsupport::simRoot().empty()) return false;
         testsupport::makeDirs(dir);
-        ProcessOptions options;
-        options.capture = ProcessOptions::Capture::Both;
-        options.timeoutMs = 60000;
         for (auto [name, hz, seconds] : {std::tuple(kToneA, 440, 1), std::tuple(kToneB, 523, 1),
-                                         std::tuple(kToneC, 659, 1), std::tuple(kLong, 330, 4)}) {
-            std::string sine = "sine=frequency=" + std::to_string(hz) + ":duration=" + std::to_string(seconds);
-            ProcessResult f = runProcess(
-                {"ffmpeg", "-loglevel", "error", "-y", "-f", "lavfi", "-i", sine, "-ac", "2", "-ar", "44100", dir + name},
-                options);
-            if (!f.ok()) {
-                ADD_FAILURE() << "ffmpeg failed: " << f.output;
-                return false;
-            }
-        }
-        return true;
+                                         std::tuple(kToneC, 659, 1), std::tuple(kLong, 330, 4)})
+            if (!testsupport::makeTone(dir + name, hz, seconds, {"-ac", "2", "-ar", "44100"})) return "";
+        return testsupport::simRoot();
     }
 };
-
-inline std::vector<std::string> fileLines(const std::string& path) { return testsupport::readLines(path); }
-
-inline size_t threadCount() {
-    size_t n = 0;
-    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator("/proc/self/task")) ++n;
-    return n;
-}
 
 // True when pid names a process that still runs (a zombie no longer does).
 inline bool processRuns(int pid) {
@@ -77,20 +56,16 @@ inline bool processRuns(int pid) {
     return close != std::string::npos && close + 2 < text.size() && text[close + 2] != 'Z';
 }
 
-class AlsaTest : public testsupport::SimRootTest {
+class AlsaTest : public testsupport::ThreadCheckedTest {
 protected:
     void SetUp() override {
         ASSERT_FALSE(SimRoot::path().empty());
-        SimRootTest::SetUp();
+        ThreadCheckedTest::SetUp();
         CAlsaPlayer::setPollPeriod(std::chrono::milliseconds(200));
-        // A sanitizer runtime starts a helper thread with the first thread; not ours to count.
-        std::thread([] {}).join();
-        m_threads = threadCount();
     }
     void TearDown() override {
-        EXPECT_EQ(threadCount(), m_threads) << "a thread outlived its player";
         CAlsaPlayer::setPollPeriod(std::chrono::milliseconds(1000));
-        SimRootTest::TearDown();
+        ThreadCheckedTest::TearDown();
     }
 
     // A "music" playlist; entries are (content type, content).
@@ -104,7 +79,6 @@ protected:
                                              title ? title : "", title ? "music" : "", "1");
     }
 
-    std::string callsLog() const { return m_root + "/var/sim/calls.log"; }
     // The calls.log lines written since the last look.
     std::vector<std::string> newCalls() { return callLog.fresh(); }
     // The mpc calls of one player since the last look, without the status polls.
@@ -137,8 +111,6 @@ protected:
     static bool waitState(CAlsaPlayer& p, playerState_e state, std::chrono::milliseconds limit) {
         return waitFor([&] { return p.getPlayerState() == state; }, limit);
     }
-
-    size_t m_threads = 0;
 };
 
 }  // namespace alsatest

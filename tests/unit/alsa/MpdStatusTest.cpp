@@ -1,6 +1,8 @@
-// The mpc status answers the player reads each turn, as mpc prints them.
+// The mpc status answers the player reads each turn, as mpc prints them, and the output
+// attributes clients echo back from a listing.
 #include <gtest/gtest.h>
 
+#include "render/MpdAttr.h"
 #include "render/MpdStatus.h"
 
 namespace {
@@ -47,6 +49,23 @@ TEST(MpdStatus, MalformedTimesLeaveZeros) {
     EXPECT_TRUE(parseMpdTimes("75/90", current, total));  // plain seconds
     EXPECT_EQ(current, 75);
     EXPECT_EQ(total, 90);
+}
+
+TEST(MpdAttrTest, ReadsBothSettingsCaseInsensitively) {
+    int rate = 0, dsd = 0;
+    EXPECT_EQ(ParseMpdAttr("SAMPLERATE=Auto,DSDPASS=enable", &rate, &dsd), 0);
+    EXPECT_EQ(rate, -1);
+    EXPECT_EQ(dsd, 1);
+    EXPECT_EQ(ParseMpdAttr("samplerate=96000, dsdpass=Disable", &rate, &dsd), 0);
+    EXPECT_EQ(rate, 96000);
+    EXPECT_EQ(dsd, 0);
+    // Not given, or not understood: -2; a later pair wins; pairs without '=' are skipped.
+    EXPECT_EQ(ParseMpdAttr("samplerate=0,DSDPASS,DSDPASS=maybe,DSDPASS=Auto", &rate, &dsd), 0);
+    EXPECT_EQ(rate, -2);
+    EXPECT_EQ(dsd, -1);
+    EXPECT_EQ(ParseMpdAttr("", &rate, &dsd), -1);
+    EXPECT_EQ(rate, -2);
+    EXPECT_EQ(ParseMpdAttr("SAMPLERATE=1", nullptr, &dsd), -1);
 }
 
 }  // namespace

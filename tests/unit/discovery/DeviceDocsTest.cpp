@@ -31,25 +31,17 @@ XMLNode attr(const XMLNode& device, const char* tag) {
 }  // namespace
 
 TEST(OutputLine, ReadsEveryField) {
+    // The uid may come before the type; names may hold blanks and brackets. (The USB line's fields
+    // are checked through its document below.)
     mpdOutput_s o;
-    ASSERT_TRUE(parseOutputLine(kUsbLine.c_str(), o));
-    EXPECT_EQ(o.number, 2);
-    EXPECT_EQ(o.name, "USB DAC");
-    EXPECT_EQ(o.uid, "usb1");
-    EXPECT_EQ(o.devType, OUTPUT_USB_E);
-    EXPECT_EQ(o.sampleRate, 96000);
-    EXPECT_EQ(o.dsd, 1);
-    EXPECT_EQ(o.card, 1);
-    EXPECT_EQ(o.device, 0);
-
-    // The uid may come before the type; names may hold blanks and brackets.
     ASSERT_TRUE(parseOutputLine("Output 7\t(HDA (rear)) is disabled uid:PCH_HDMI-3 devType:2 sampleRate:48000 "
                                 "sampleRateMode:1 dsd:0 dsdMode:0 hwParam:hw:CARD=0,DEV=3",
                                 o));
     EXPECT_EQ(o.name, "HDA (rear)");
     EXPECT_EQ(o.uid, "PCH_HDMI-3");
     EXPECT_EQ(o.devType, OUTPUT_HDMI_E);
-    EXPECT_EQ(o.device, 3);
+    EXPECT_EQ(o.sampleRate, 48000);
+    EXPECT_EQ(std::pair(o.card, o.device), std::pair(0, 3));
 }
 
 TEST(OutputLine, MalformedLinesAreRejected) {
@@ -130,13 +122,6 @@ TEST_F(DeviceDocsTest, HdmiMonitorNames) {
     EXPECT_EQ(hdmiMonitorName("TAVRINTOHDMI1"), "LG TV SSCR2 Pro");
     put("/etc/config/tarvik.conf", "[System]\nModel = TS-x99\n");
     EXPECT_EQ(hdmiMonitorName("TAVRINTOHDMI1"), "Sony Bravia");
-
-    XMLNode root = XMLNode::createXMLTopNode("root");
-    alsa_device_doc_gen(usbLineWith({{"devType:1 uid:usb1", "devType:2 uid:PCH_HDMI-3"}, {"CARD=1,DEV=0", "CARD=0,DEV=3"}}),
-                        root, 0);
-    XMLNode hdmi = root.getChildNode("device");
-    EXPECT_STREQ(childText(hdmi, "firendlyName"), "DELL U2415");
-    EXPECT_STREQ(hdmi.getChildNode(1).getName(), "firendlyName");  // right after the id
 }
 
 TEST(DlnaDocument, CopiesRenderersOfTheAgentList) {

@@ -1,11 +1,13 @@
 // ListRender and ListUnknowRender through the command table, on a simulated appliance: its
 // media agent lists two DLNA renderers, avahi-browse two Chromecast receivers (one of them on
-// two interfaces) and the shared MPD three local outputs.
+// two interfaces) and the shared MPD three local outputs. Then the render-type filter and the
+// render cache refresh of a listing on their own.
 #include <gtest/gtest.h>
 
 #include <map>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "DiscoveryTestSupport.h"
@@ -39,7 +41,7 @@ protected:
         return testsupport::runCommand(manager, command, params, answer);
     }
     int listRender(const char* renderType = nullptr) {
-        return renderType ? run("ListRender", {{"renderType", renderType}}) : run("ListRender");
+        return run("ListRender", renderType ? vclient::Params{{"renderType", renderType}} : vclient::Params{});
     }
     // The listed devices by deviceId.
     std::map<std::string, XMLNode> devices() {
@@ -48,7 +50,7 @@ protected:
             out[childText(answer.getChildNode("device", i), "deviceId")] = answer.getChildNode("device", i);
         return out;
     }
-    std::multiset<std::string> kinds() {
+    std::multiset<std::string> kinds() {  // the listed devices' types
         std::multiset<std::string> out;
         for (int i = 0; i < answer.nChildNode("device"); ++i)
             out.insert(xmltoa(answer.getChildNode("device", i).getAttribute("Type")));
@@ -97,6 +99,8 @@ TEST_F(ListRenderSimTest, ListsEverySourceAndFillsTheRenderCache) {
     EXPECT_EQ(cached(kSpeakerId).type, kDlna | kCapAudio);
     EXPECT_EQ(cached(kKitchenCastId).type, kChromecast | kCapAudio);
     EXPECT_EQ(cached("HDMI_hdmi-3").type, kAlsa | kAlsaHdmi | kCapAudio);
+    EXPECT_EQ(cached("usb_dac").type, kAlsa | kAlsaUsb | kCapAudio);
+    EXPECT_EQ(cached("usb_dac").card, "1");
     EXPECT_EQ(cached("HDMI_hdmi-3").device, "3");
 
     // The exact command lines the platform programs received.
@@ -134,9 +138,6 @@ TEST_F(ListRenderSimTest, RenderTypeFiltersTheSources) {
     EXPECT_EQ(kinds(), (std::multiset<std::string>{"DLNA", "DLNA", "ALSA", "ALSA", "ALSA"}));
     EXPECT_EQ(calls("avahi-browse", "-rkpt"), 0);
 
-    ASSERT_EQ(listRender("0x9"), 0);
-    EXPECT_EQ(kinds(), (std::multiset<std::string>{"DLNA", "DLNA", "ALSA", "ALSA", "ALSA"}));
-
     // mDNS is browsed for Chromecast receivers only.
     ASSERT_EQ(listRender("AirPlay"), 0);
     EXPECT_EQ(answer.nChildNode("device"), 0);
@@ -146,7 +147,7 @@ TEST_F(ListRenderSimTest, RenderTypeFiltersTheSources) {
     ASSERT_EQ(listRender("chromecast"), 0);
     EXPECT_EQ(kinds(), (std::multiset<std::string>{"Chromecast", "Chromecast"}));
     EXPECT_EQ(calls("avahi-browse", "-rkpt"), 1);
-    EXPECT_EQ(calls("mpc", "outputs"), 2);
+    EXPECT_EQ(calls("mpc", "outputs"), 1) << "only the first listing asked for local outputs";
 }
 
 TEST_F(ListRenderSimTest, WithoutTheMediaServerPackageOnlyDlnaIsListed) {
@@ -189,4 +190,59 @@ TEST_F(ListRenderSimTest, LostAnalogOutputIsListedAfterTheMusicServiceRestarts) 
     EXPECT_EQ(devices().count("analog"), 1u);
     ASSERT_EQ(listRender("alsa"), 0);
     EXPECT_EQ(slurp("/opt/XUMA/restarts"), "restart\n") << "restarted only while the output is missing";
+}
+
+TEST(RenderTypeMask, NamesAndHexMasks) {
+    EXPECT_EQ(renderlisting::parseRenderTypeMask("DLNA+AirPlay+ChromeCast"), 0x7u);
+    EXPECT_EQ(renderlisting::parseRenderTypeMask("tavriner"), 0x10u);
+    EXPECT_EQ(renderlisting::parseRenderTypeMask("bogus+alsa+"), 0x8u);
+    EXPECT_EQ(renderlisting::parseRenderTypeMask("bogus"), 0u);
+    EXPECT_EQ(renderlisting::parseRenderTypeMask("0x1f"), 0x1fu);
+    EXPECT_EQ(renderlisting::parseRenderTypeMask(nullptr), 0u);
+}
+
+// Names, addresses, USB and HDMI outputs and a vanished render, as the simulated listing has them,
+// are checked above.
+TEST(RenderCacheRefresh, TypeAndCapabilityBits) {
+    using namespace playertype;
+    CPlayerManager manager(3600);
+    auto cached = [&](const char* id, renderCacheInfo_s& out) {
+        ThreadReadLock lock(manager.getRWLock());
+        return manager.searchRenderInCache_(id, out) == 0;
+    };
+    XMLNode reply = XMLNode::parseString(
+        "<root><status>0</status><device Type=\"DLNA\"><deviceName>Den TV</deviceName><deviceId>uuid:den</deviceId><ip>10.0.0.7</ip>"
+        "<type>video</type></device>"
+        "<device Type=\"ALSA\" Subtype=\"SPDIF\"><deviceId>spdif</deviceId><deviceName>Optical</deviceName>"
+        "<type>audio</type><ip>4</ip></device>"
+        "<device Type=\"Chromecast\"><deviceName>Kitchen</deviceName><ip>10.0.0.9</ip><deviceId>kk</deviceId>"
+        "<type protocol=\"chromecast\" port=\"8009\">audio</type></device>"
+        "<device Type=\"AirPlay\"><deviceName>Box</deviceName><ip>10.0.0.8</ip><deviceId>0011</deviceId>"
+        "<type protocol=\"airplay\" port=\"7100\">video,photo</type></device>"
+        "<device Type=\"Raop\"><deviceName>Amp</deviceName><ip>10.0.0.5</ip><deviceId>amp</deviceId>"
+        "<type protocol=\"raop\" port=\"5000\" cn=\"pcm\" et=\"rsa\">audio</type></device>"
+        "<device Type=\"Raop\"><deviceName>Old amp</deviceName><ip>10.0.0.6</ip><deviceId>amp2</deviceId>"
+        "<type protocol=\"raop\" port=\"5000\" cn=\"pcm\" et=\"notSupport\">audio</type></device>"
+        "<device Type=\"Raop\"><deviceName>Alac</deviceName><ip>10.0.0.4</ip><deviceId>amp3</deviceId>"
+        "<type protocol=\"raop\" port=\"5000\" cn=\"alac\" et=\"rsa\">audio</type></device>"
+        "<device Type=\"DLNA\"><deviceName>No id</deviceName><type>video</type></device>"
+        "<device Type=\"DLNA\"><deviceName>Empty type</deviceName><deviceId>e</deviceId><type/></device>"
+        "<device Type=\"Other\"><deviceName>Odd</deviceName><deviceId>odd</deviceId>"
+        "<type protocol=\"miracast\">video</type></device></root>",
+        "root");
+    renderlisting::updateRenderCache(manager, reply);
+
+    renderCacheInfo_s r;
+    for (auto [id, type, port] : {std::tuple("uuid:den", kDlna | kCapVideo | kCapPhoto, 0),
+                                  std::tuple("spdif", kAlsa | kCapAudio, 0), std::tuple("kk", kChromecast | kCapAudio, 7000),
+                                  std::tuple("0011", kAirplay | kCapVideo | kCapPhoto, 7000),
+                                  std::tuple("amp", kRaop | kCapAudio, 5000)}) {
+        ASSERT_TRUE(cached(id, r)) << id;
+        EXPECT_EQ(r.type, type) << id;
+        if (port) {
+            EXPECT_EQ(r.port, port) << id;
+        }
+    }
+    EXPECT_EQ(r.encrypted, 1);  // of "amp", read last
+    for (const char* refused : {"amp2", "amp3", "e", "odd"}) EXPECT_FALSE(cached(refused, r)) << refused;
 }

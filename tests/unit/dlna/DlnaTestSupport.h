@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -25,40 +24,27 @@ using std::chrono::seconds;
 inline const char kTvId[] = "uuid:5f9ec1b3-ed59-49bb-8530-745e1d0a1c01";
 inline const char kSpeakerId[] = "uuid:0b7d3c22-4a61-4f0e-9d2a-3e5c7b9a8f12";
 
-// The tick the tests run with, and the renderer speed that keeps media time in step with it.
+// The tick the tests run with; the renderers run ten times faster to keep media time in step.
 constexpr milliseconds kTick{100};
-constexpr const char* kSpeed = "speed=10";
-constexpr const char* kTransition = "transition=0.015";
 
 // The shared root, with a 40-second track outside the library made on first use (the renderer
 // and the duration probe measure it).
-class SimRoot {
-public:
+struct SimRoot {
     static const std::string& path() {
-        static const std::string root = makeLongTrack() ? testsupport::simRoot() : "";
+        static const std::string root = testsupport::simRoot().empty() ? "" : makeLongTrack();
         return root;
     }
     static std::string longTrack() { return path() + "/share/Public/Music/dlna-test/long40.mp3"; }
-    static std::string music(const char* name) { return path() + "/share/Public/Music/" + name; }
 
 private:
-    static bool makeLongTrack() {
-        const std::string dir = testsupport::simRoot() + "/share/Public/Music/dlna-test/";
-        if (testsupport::simRoot().empty()) return false;
-        testsupport::makeDirs(dir);
-        ProcessOptions options;
-        options.capture = ProcessOptions::Capture::Both;
-        options.timeoutMs = 60000;
-        ProcessResult f = runProcess({"ffmpeg", "-loglevel", "error", "-y", "-f", "lavfi", "-i",
-                                      "sine=frequency=330:duration=40", "-ac", "1", "-ar", "22050", "-b:a", "32k",
-                                      dir + "long40.mp3"},
-                                     options);
-        if (!f.ok()) ADD_FAILURE() << "ffmpeg failed: " << f.output;
-        return f.ok();
+    static std::string makeLongTrack() {
+        const std::string& root = testsupport::simRoot();
+        testsupport::makeDirs(root + "/share/Public/Music/dlna-test");
+        bool made = testsupport::makeTone(root + "/share/Public/Music/dlna-test/long40.mp3", 330, 40,
+                                          {"-ac", "1", "-ar", "22050", "-b:a", "32k"});
+        return made ? root : "";
     }
 };
-
-inline std::vector<std::string> fileLines(const std::string& path) { return testsupport::readLines(path); }
 
 // A calls.log line of the agent: tessaly ["arg",...].
 inline std::string agentCall(const std::vector<std::string>& args) { return testsupport::callLine("tessaly", args); }
@@ -71,34 +57,24 @@ inline size_t count(const std::vector<std::string>& lines, const std::string& li
     return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
 }
 
-inline size_t threadCount() {
-    size_t n = 0;
-    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator("/proc/self/task")) ++n;
-    return n;
-}
-
 inline bool waitFor(const std::function<bool()>& done, milliseconds limit) {
     return testsupport::eventually(done, limit, milliseconds(10));
 }
 
-class DlnaTest : public testsupport::SimRootTest {
+class DlnaTest : public testsupport::ThreadCheckedTest {
 protected:
     void SetUp() override {
         ASSERT_FALSE(SimRoot::path().empty());
-        testsupport::SimRootTest::SetUp();
+        ThreadCheckedTest::SetUp();
         CDlnaPlayer::setTick(kTick);
         for (const char* id : {kTvId, kSpeakerId})
             ASSERT_TRUE(renderer(id, {"present=1", "refuse=0", "refuse_content=", "busy=0", "stall=0",
-                                      "fail_position=0", "xbmc=0", "transcode=0", "volume=30", kSpeed,
-                                      kTransition}));
-        // A sanitizer runtime starts a helper thread with the first thread; not ours to count.
-        std::thread([] {}).join();
-        m_threads = threadCount();
+                                      "fail_position=0", "xbmc=0", "transcode=0", "volume=30", "speed=10",
+                                      "transition=0.015"}));
     }
     void TearDown() override {
-        EXPECT_EQ(threadCount(), m_threads) << "a thread outlived its player";
         CDlnaPlayer::setTick(milliseconds(1000));
-        testsupport::SimRootTest::TearDown();
+        ThreadCheckedTest::TearDown();
     }
 
     // A playlist of the "music" app; entries are (media type, content type, content).
@@ -144,7 +120,6 @@ protected:
     }
     std::string rendererState(const char* id = kTvId) const { return shown(id, "state"); }
 
-    std::string callsLog() const { return m_root + "/var/sim/calls.log"; }
     // The calls.log lines written since the last look.
     std::vector<std::string> newCalls() { return callLog.fresh(); }
     // The agent's setAvTransportUrl lines among lines.
@@ -154,11 +129,11 @@ protected:
             if (isAgentCommand(l, "setAvTransportUrl")) out.push_back(l);
         return out;
     }
-    static std::string loadObject(const char* objectID, const char* id = kTvId) {
-        return agentCall({"-c", "setAvTransportUrl", "--uuid", id, "--objectID", objectID});
+    static std::string loadObject(const char* objectID) {
+        return agentCall({"-c", "setAvTransportUrl", "--uuid", kTvId, "--objectID", objectID});
     }
-    static std::string loadFile(const std::string& path, const char* id = kTvId) {
-        return agentCall({"-c", "setAvTransportUrl", "--uuid", id, "--filePath", path});
+    static std::string loadFile(const std::string& path) {
+        return agentCall({"-c", "setAvTransportUrl", "--uuid", kTvId, "--filePath", path});
     }
 
     static bool waitState(CDlnaPlayer& p, playerState_e state, milliseconds limit) {
@@ -167,8 +142,6 @@ protected:
     static bool waitParkedIn(CDlnaPlayer& p, playerState_e state, milliseconds limit) {
         return waitFor([&] { return p.isParked() && p.getPlayerState() == state; }, limit);
     }
-
-    size_t m_threads = 0;
 };
 
 }  // namespace dlnatest

@@ -7,16 +7,12 @@
 namespace {
 
 TEST(PlayerTimeTest, HhmmssToSecond) {
-    struct Case {
-        const char* text;
-        int seconds;
-    };
-    const Case cases[] = {
-        {"1:2:3", 3723},        {"01:02:05", 3725}, {"00:01", 0},  {"01:30", 3600}, {"90", 0},
-        {"", 0},                {nullptr, 0},       {"0:0:59", 59}, {"2:", 7200},   {"::7", 7},
-        {"99999999999:0:0", INT32_MAX},  // clamped, not overflowed
-    };
-    for (const auto& c : cases) EXPECT_EQ(CPlayer::hhmmssToSecond(c.text), c.seconds) << (c.text ? c.text : "null");
+    // Fields count from the hours: "01:30" is an hour and a half.
+    for (auto [text, seconds] : {std::pair("1:2:3", 3723), std::pair("01:30", 3600), std::pair("90", 0),
+                                 std::pair("", 0), std::pair("2:", 7200), std::pair("::7", 7),
+                                 std::pair("99999999999:0:0", INT32_MAX)})  // clamped, not overflowed
+        EXPECT_EQ(CPlayer::hhmmssToSecond(text), seconds) << text;
+    EXPECT_EQ(CPlayer::hhmmssToSecond(nullptr), 0);
 
     std::string text;
     for (auto [seconds, expected] : {std::pair(3599, "00:59:59"), std::pair(100 * 3600, "100:00:00")}) {
@@ -26,7 +22,7 @@ TEST(PlayerTimeTest, HhmmssToSecond) {
 }
 
 TEST(PlayerMuteTest, UnmuteRestoresTheVolumeRememberedByAnyPlayer) {
-    RecordingPlayer kitchen(playertype::kDlna, nullptr, nullptr), hall(playertype::kDlna, nullptr, nullptr);
+    RecordingPlayer kitchen, hall;
     kitchen.volume = 40;
     EXPECT_FALSE(kitchen.isMute());
     EXPECT_EQ(kitchen.setMute(true), 0);
@@ -40,15 +36,14 @@ TEST(PlayerMuteTest, UnmuteRestoresTheVolumeRememberedByAnyPlayer) {
     kitchen.setMute(false);
     EXPECT_EQ(kitchen.volume, 40);
 
-    RecordingPlayer noVolume(playertype::kDlna, nullptr, nullptr);
-    noVolume.volume = -1;
-    EXPECT_TRUE(noVolume.isMute()) << "a device without a volume reads as muted";
+    kitchen.volume = -1;
+    EXPECT_TRUE(kitchen.isMute()) << "a device without a volume reads as muted";
 }
 
 // Status reads (the manager, under the player lock) race the back-end's reports (its own
 // thread, without that lock); run under the thread sanitizer this must stay silent.
 TEST(PlayerConcurrencyTest, StatusReadsRaceBackendReports) {
-    RecordingPlayer p(playertype::kDlna, nullptr, nullptr);
+    RecordingPlayer p;
     std::atomic<bool> done{false};
     std::thread backend([&] {
         for (int i = 0; i < 2000; ++i) {

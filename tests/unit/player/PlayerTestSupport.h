@@ -14,8 +14,8 @@
 
 class RecordingPlayer : public testsupport::FakePlayer {
 public:
-    RecordingPlayer(uint32_t type, const char* title, const char* appType)
-        : FakePlayer(type, "uuid:render-1", "Living room", title ? title : "", appType ? appType : "") {}
+    explicit RecordingPlayer(uint32_t type = playertype::kDlna, const char* title = "", const char* appType = "")
+        : FakePlayer(type, "uuid:render-1", "Living room", title, appType) {}
 };
 
 class PlayerTest : public ::testing::Test {
@@ -43,8 +43,7 @@ protected:
         EXPECT_EQ(playlistStore().addElmInPlaylist(title, MEDIA_AUDIO_E, CONTENT_FILE_E, "music", content.c_str(), -1),
                   0);
     }
-    // The entries' uuids in playlist order.
-    static std::vector<int64_t> storeUuids(int playlistID) {
+    static std::vector<int64_t> storeUuids(int playlistID) {  // in playlist order
         std::vector<playlistElm_s> page;
         playlistStore().getPlaylistElmsByPage(page, playlistID, 0, 0);
         std::vector<int64_t> out;

@@ -19,23 +19,12 @@ namespace playlisttest {
 inline std::string rawQuery(const std::string& path, const std::string& sql) {
     sqlite3* db = nullptr;
     std::string out;
-    if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) != SQLITE_OK) {
-        sqlite3_close(db);
-        return "<error>";
-    }
-    sqlite3_stmt* stmt = nullptr;
-    for (const char* tail = sql.c_str(); *tail && out != "<error>";) {
-        if (sqlite3_prepare_v2(db, tail, -1, &stmt, &tail) != SQLITE_OK) out = "<error>";
-        if (!stmt) break;
-        int rc;
-        while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
-            const unsigned char* text = sqlite3_column_text(stmt, 0);
-            out = text ? reinterpret_cast<const char*>(text) : "";
-        }
-        if (rc != SQLITE_DONE) out = "<error>";
-        sqlite3_finalize(stmt);
-        stmt = nullptr;
-    }
+    auto keep = [](void* to, int, char** values, char**) {
+        *static_cast<std::string*>(to) = values[0] ? values[0] : "";
+        return 0;
+    };
+    if (sqlite3_open(path.c_str(), &db) != SQLITE_OK || sqlite3_exec(db, sql.c_str(), keep, &out, nullptr) != SQLITE_OK)
+        out = "<error>";
     sqlite3_close(db);
     return out;
 }

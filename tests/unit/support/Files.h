@@ -2,12 +2,13 @@
 #pragma once
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,8 +25,8 @@ public:
         if (::mkdtemp(tmpl.data()) != nullptr) m_path = tmpl;
     }
     ~TempDir() {
-        auto rm = [](const char* p, const struct stat*, int, FTW*) { return ::remove(p); };
-        if (!m_path.empty()) ::nftw(m_path.c_str(), rm, 16, FTW_DEPTH | FTW_PHYS);
+        std::error_code ec;
+        if (!m_path.empty()) std::filesystem::remove_all(m_path, ec);
     }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
@@ -55,13 +56,9 @@ inline std::string readFile(const std::string& path) {
 }
 
 inline std::vector<std::string> readLines(const std::string& path) {
+    std::istringstream in(readFile(path));
     std::vector<std::string> out;
-    std::string text = readFile(path);
-    for (size_t at = 0, end; at < text.size(); at = end + 1) {
-        end = text.find('\n', at);
-        if (end == std::string::npos) end = text.size();
-        out.push_back(text.substr(at, end - at));
-    }
+    for (std::string line; std::getline(in, line);) out.push_back(line);
     return out;
 }
 
@@ -71,8 +68,8 @@ inline bool exists(const std::string& path) {
 }
 
 inline void makeDirs(const std::string& path) {
-    for (size_t i = 1; i <= path.size(); ++i)
-        if (i == path.size() || path[i] == '/') ::mkdir(path.substr(0, i).c_str(), 0755);
+    std::error_code ec;
+    std::filesystem::create_directories(path, ec);
 }
 
 // Points the appliance root elsewhere for the guard's lifetime.

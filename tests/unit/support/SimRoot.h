@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/util/Process.h"
@@ -36,6 +37,25 @@ inline const std::string& simRoot() {
     };
     static Root root;
     return root.path;
+}
+
+// A sine tone at path, made with ffmpeg; args (channels, rate...) go before the path.
+inline bool makeTone(const std::string& path, int hz, int seconds, std::vector<std::string> args) {
+    args.insert(args.begin(), {"ffmpeg", "-loglevel", "error", "-y", "-f", "lavfi", "-i",
+                               "sine=frequency=" + std::to_string(hz) + ":duration=" + std::to_string(seconds)});
+    args.push_back(path);
+    ProcessOptions options;
+    options.capture = ProcessOptions::Capture::Both;
+    options.timeoutMs = 60000;
+    ProcessResult f = runProcess(args, options);
+    if (!f.ok()) ADD_FAILURE() << "ffmpeg failed: " << f.output;
+    return f.ok();
+}
+
+inline size_t threadCount() {
+    size_t n = 0;
+    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator("/proc/self/task")) ++n;
+    return n;
 }
 
 // One var/sim/calls.log line as the fakes write it: NAME ["arg",...] (only " and \ need
@@ -104,6 +124,22 @@ protected:
 
     std::string m_root;
     CallLog callLog;
+};
+
+// A SimRootTest that fails when a test leaves a thread behind (a player's worker or monitor).
+class ThreadCheckedTest : public SimRootTest {
+protected:
+    void SetUp() override {
+        SimRootTest::SetUp();
+        std::thread([] {}).join();  // a sanitizer runtime starts a helper thread with the first thread
+        m_threads = threadCount();
+    }
+    void TearDown() override {
+        EXPECT_EQ(threadCount(), m_threads) << "a thread outlived its player";
+        SimRootTest::TearDown();
+    }
+
+    size_t m_threads = 0;
 };
 
 }  // namespace testsupport

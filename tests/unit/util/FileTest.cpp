@@ -1,6 +1,8 @@
+// Paths, time texts, the command log and the stack dump.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <climits>
 #include <regex>
 #include <string>
 
@@ -8,6 +10,7 @@
 #include "core/util/DebugLog.h"
 #include "core/util/PathUtil.h"
 #include "core/util/StackFrame.h"
+#include "core/util/TimeText.h"
 
 namespace {
 
@@ -62,6 +65,37 @@ TEST(StackDump, AppendsHeaderAndFramesBelowTheRoot) {
         << dump;
     EXPECT_NE(dump.find("=== signal 6 from pid 99"), std::string::npos);
     EXPECT_NE(dump.find("unit_util"), std::string::npos) << "frames of this program";
+}
+
+TEST(TimeText, TextToSecondsAndBack) {
+    struct {
+        const char* text;
+        int seconds;
+    } cases[] = {
+        {"1:02:05", 3725}, {"12:34", 12 * 60 + 34},  {"125", 125},
+        {nullptr, 0},      {"0:01:05.250", 65},      {"99999999999:0:0", INT_MAX},
+        {"99999999999999", INT_MAX},  // clamped, not overflowed
+    };
+    for (const auto& c : cases) EXPECT_EQ(hhmmss_convert_to_sec(c.text), c.seconds) << (c.text ? c.text : "null");
+    char buf[16];
+    sec_convert_to_hhmmss(100 * 3600 + 59, buf, sizeof buf);
+    EXPECT_STREQ(buf, "100:00:59");
+    for (int s : {0, 59, 3599, 86399}) {
+        sec_convert_to_hhmmss(s, buf, sizeof buf);
+        EXPECT_EQ(hhmmss_convert_to_sec(buf), s) << buf;
+    }
+    char tiny[4];
+    sec_convert_to_hhmmss(3725, tiny, sizeof tiny);
+    EXPECT_STREQ(tiny, "01:");
+}
+
+TEST(PathEscape, BackslashesShellSpecialsButNeverWritesPastTheBuffer) {
+    char out[32];
+    ASSERT_EQ(convert_utf8_linux_filepath("/share/Música/a b(1).mp3", out, sizeof out), 0);
+    EXPECT_STREQ(out, "/share/Música/a\\ b\\(1\\).mp3");
+    char guard[6] = {'x', 'x', 'x', 'x', 'x', 'Z'};
+    EXPECT_EQ(convert_utf8_linux_filepath_2("(((", guard, 5), -1);
+    EXPECT_EQ(guard[5], 'Z');
 }
 
 }  // namespace

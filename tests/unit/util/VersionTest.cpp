@@ -37,11 +37,8 @@ protected:
 };
 
 TEST_F(VersionTest, CachedUntilTheFileChanges) {
-    char buf[256];
-    ASSERT_EQ(getMODLVersion(buf, sizeof buf, "XUMA", true), 0);
-    EXPECT_STREQ(buf, "XUMA 2.3.1");
-    EXPECT_EQ(testutil::readFile(m_root / "sbin/yarrow.calls"), "-f " + modl() + " XUMA Version\n");
     for (int i = 0; i < 20; ++i) ASSERT_EQ(getVersionText("XUMA"), "XUMA 2.3.1");
+    EXPECT_EQ(testutil::readFile(m_root / "sbin/yarrow.calls"), "-f " + modl() + " XUMA Version\n");
     EXPECT_EQ(runs(), 1) << "served from the cache";
 
     ASSERT_TRUE(replace(modl(), "XUMA/Version=2.3.2\nOther/Version=1.0\n", 5));
@@ -51,25 +48,12 @@ TEST_F(VersionTest, CachedUntilTheFileChanges) {
     EXPECT_EQ(runs(), 3);
 }
 
-TEST_F(VersionTest, FirmwareIsTheFallbackAndFailuresAreQuietUnlessVerbose) {
-    char buf[256];
-    EXPECT_EQ(getVersion(buf, sizeof buf, "Missing", false, false), 1);
-    ASSERT_EQ(getVersion(buf, sizeof buf, "Missing", true, false), 0);
-    EXPECT_STREQ(buf, "FW 5.1.0.20240101");
+TEST_F(VersionTest, FirmwareIsTheFallbackAndFailuresAreRemembered) {
+    EXPECT_EQ(getVersionText("Missing", false), "");
+    EXPECT_EQ(getVersionText("Missing"), "FW 5.1.0.20240101");
     const int before = runs();
     EXPECT_EQ(getVersionText("Missing", false), "");
     EXPECT_EQ(runs(), before) << "a failure is remembered for a while too";
-
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(getMODLVersion(buf, sizeof buf, "Missing", false), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(getMODLVersion(buf, sizeof buf, nullptr, true), 1);
-    ASSERT_EQ(::unlink((m_root / "sbin/yarrow").c_str()), 0);
-    EXPECT_EQ(getMODLVersion(buf, sizeof buf, "XUMA", true), 1);
-    std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_NE(log.find("Error: version or modlName is NULL"), std::string::npos) << log;
-    EXPECT_NE(log.find("Error: popen failed"), std::string::npos) << log;
 }
 
 TEST_F(VersionTest, ConcurrentCallersDuringAChange) {

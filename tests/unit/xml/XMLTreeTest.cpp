@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,66 +19,28 @@ TEST(XMLTree, EmptyHandleAnswersEverythingWithNothing) {
     XMLNode chained = root.getChildNode("paramList").getChildNode("missing").getChildNode(3).getParentNode();
     EXPECT_TRUE(chained.isEmpty());
     EXPECT_EQ(chained.getText(), nullptr);
-    EXPECT_EQ(chained.getAttribute("x"), nullptr);
-    EXPECT_EQ(chained.nChildNode() + chained.nText() + chained.nAttribute() + chained.nClear(), 0);
+    EXPECT_STREQ(xmltoa(chained.getAttribute("x"), "def"), "def");
+    EXPECT_EQ(chained.nChildNode() + chained.nText() + chained.nAttribute(), 0);
     EXPECT_EQ(chained.toString(), "");
     EXPECT_TRUE(chained.addChild("x").isEmpty());
     chained.addText("t");
-    chained.deleteNodeContent();
-    EXPECT_TRUE(chained.isEmpty());
     EXPECT_EQ(root.toString(0), kRequest);
 }
 
-TEST(XMLTree, LookupsIgnoreCaseOfNames) {
-    XMLNode root = XMLNode::parseString(kRequest, "root");
-    ASSERT_FALSE(root.isEmpty());
-    XMLNode params = root.getChildNode("PARAMLIST");
-    EXPECT_EQ(params.nChildNode(), 3);
+TEST(XMLTree, LookupsIgnoreCaseAndIteratingLookupsResume) {
+    XMLNode params = XMLNode::parseString(kRequest, "root").getChildNode("PARAMLIST");
     EXPECT_EQ(params.nChildNode("player"), 3);
     EXPECT_STREQ(params.getChildNode("PLAYER", 1).getText(), "B");
     EXPECT_TRUE(params.getChildNode("player", 3).isEmpty());
     EXPECT_STREQ(params.getChildNode("player", 0).getAttribute("ID"), "1");
-    EXPECT_TRUE(params.getChildNode(0).isAttributeSet("Kind"));
-    EXPECT_STREQ(root.getChildNodeByPath("/paramlist//player/").getText(), "A");
-    EXPECT_STREQ(root.getChildNodeByPath("paramList.Player", '.').getAttributeValue(1), "audio");
-    EXPECT_TRUE(root.getChildNodeByPath("paramList/nothing").isEmpty());
-}
+    EXPECT_STREQ(params.getChildNode(0).getAttributeValue(1), "audio");
 
-TEST(XMLTree, IteratingLookupsResumeFromTheStoredIndex) {
-    XMLNode params = XMLNode::parseString(kRequest, "root").getChildNode("paramList");
     std::string seen;
     int i = 0;
     for (XMLNode n = params.getChildNode("player", &i); !n.isEmpty(); n = params.getChildNode("player", &i))
         seen += n.getText();
     EXPECT_EQ(seen, "ABC");
     EXPECT_EQ(i, 3);
-    i = 0;
-    EXPECT_STREQ(params.getChildNodeWithAttribute("player", "kind", nullptr, &i).getText(), "A");
-    EXPECT_STREQ(params.getChildNodeWithAttribute("player", "kind", nullptr, &i).getText(), "C");
-    EXPECT_STREQ(params.getChildNodeWithAttribute("player", "id", "2").getText(), "B");
-}
-
-TEST(XMLTree, DeleteNodeContentDetachesAndLeavesOtherHandlesValid) {
-    XMLNode root = XMLNode::parseString(kRequest, "root");
-    XMLNode params = root.getChildNode("paramList");
-    XMLNode second = params;
-    XMLNode player = params.getChildNode(0);
-
-    params.deleteNodeContent();
-    EXPECT_TRUE(params.isEmpty());
-    EXPECT_EQ(root.nChildNode(), 1);
-    EXPECT_TRUE(root.getChildNode("paramList").isEmpty());
-    EXPECT_EQ(root.toString(0), "<root><command>Play</command></root>");
-
-    // The copy taken before still sees the whole detached subtree.
-    ASSERT_FALSE(second.isEmpty());
-    EXPECT_TRUE(second.getParentNode().isEmpty());
-    EXPECT_EQ(second.nChildNode("player"), 3);
-    EXPECT_EQ(player.getParentNode(), second);
-    second = XMLNode();
-    // Its last handle gone, the subtree is released; a child still held becomes a top node.
-    EXPECT_STREQ(player.getText(), "A");
-    EXPECT_TRUE(player.getParentNode().isEmpty());
 }
 
 TEST(XMLTree, AddChildMovesExistingTreesAndRefusesCycles) {
@@ -89,18 +50,13 @@ TEST(XMLTree, AddChildMovesExistingTreesAndRefusesCycles) {
     XMLNode x = a.getChildNode("x");
 
     EXPECT_EQ(b.addChild(x), x);
-    EXPECT_EQ(root.toString(0), "<root><a/><b><x/></b></root>");
     EXPECT_EQ(x.getParentNode(), b);
-
     EXPECT_TRUE(x.addChild(root).isEmpty());  // root is an ancestor of x
     EXPECT_TRUE(b.addChild(b).isEmpty());
     EXPECT_EQ(root.toString(0), "<root><a/><b><x/></b></root>");
 
     root.addChild(b, 0);  // re-positioning under the same parent
-    EXPECT_EQ(root.toString(0), "<root><b><x/></b><a/></root>");
-
-    XMLNode top = XMLNode::createXMLTopNode("new");
-    a.addChild(top);
+    a.addChild(XMLNode::createXMLTopNode("new"));
     EXPECT_EQ(root.toString(0), "<root><b><x/></b><a><new/></a></root>");
 }
 
@@ -108,13 +64,9 @@ TEST(XMLTree, DeepCopyIsIndependent) {
     XMLNode root = XMLNode::parseString("<root k=\"v\"><a>1<!--c--><b>2</b></a></root>", "root");
     XMLNode copy = root.getChildNode("a").deepCopy();
     EXPECT_TRUE(copy.getParentNode().isEmpty());
-    EXPECT_EQ(copy.toString(0), "<a>1<!--c--><b>2</b></a>");
-    EXPECT_NE(copy.getChildNode("b"), root.getChildNodeByPath("a/b"));
-
     copy.getChildNode("b").updateText("changed");
     copy.addChild("added");
-    root.getChildNode("a").deleteNodeContent();
-    EXPECT_EQ(root.toString(0), "<root k=\"v\"/>");
+    EXPECT_EQ(root.toString(0), "<root k=\"v\"><a>1<!--c--><b>2</b></a></root>");
     EXPECT_EQ(copy.toString(0), "<a>1<!--c--><b>changed</b><added/></a>");
     EXPECT_EQ(copy.getChildNode("b").getParentNode(), copy);
 }
@@ -138,7 +90,6 @@ TEST(XMLTree, HandlesCopiedOnSeveralThreads) {
 TEST(XMLTree, DeepDocumentsDoNotRecurse) {
     const int depth = 100000;  // deep enough that a recursive walk would endanger a thread stack
     std::string text;
-    text.reserve(depth * 8);
     for (int k = 0; k < depth; ++k) text += "<a>";
     text += "x";
     for (int k = 0; k < depth; ++k) text += "</a>";
