@@ -26,7 +26,8 @@ TEST(DlnaRendererTest, ListedRendererPlaysAndStops) {
     ASSERT_EQ(daemon.request("Play", {{"dev", tv}}).code, 0);
 
     auto state = [&] {
-        const char* s = daemon.request("GetPlayerStatus", {{"dev", tv}}).doc.getChildNode("playerState").getText();
+        vclient::Answer a = daemon.request("GetPlayerStatus", {{"dev", tv}});
+        const char* s = a.doc.getChildNode("playerState").getText();  // lives as long as the answer
         return std::string(s ? s : "");
     };
     ASSERT_TRUE(testsupport::eventually([&] { return state() == "PLAY"; }, 10s, 100ms)) << daemon.log();
