@@ -52,3 +52,12 @@ const char* trackContentTypeText(int contentType) {
         default: return "unknow";
     }
 }
+
+const char* playerStateLogName(playerState_e state) {
+    switch (state) {
+        case STATE_PLAY_E: return "STATE_PLAY_E";
+        case STATE_STOP_E: return "STATE_STOP_E";
+        case STATE_PAUSE_E: return "STATE_PAUSE_E";
+        default: return "STATE_UNKNOW";
+    }
+}

@@ -64,6 +64,8 @@ const char* playModeText(playMode_e mode);
 bool playModeFromText(const char* text, playMode_e& mode);
 // "PLAY", "STOP", "PAUSE", anything else "UNKNOW".
 const char* playerStateText(playerState_e state);
+// The enumerator's name for log lines: "STATE_PLAY_E", ...; "STATE_UNKNOW" otherwise.
+const char* playerStateLogName(playerState_e state);
 
 // The words of the status record for an entry's media and content types.
 const char* trackTypeText(int mediaType);

@@ -34,21 +34,6 @@ int g_portCounter = kFirstPort;                // guarded by g_portMutex
 std::function<bool(int)> g_portProbe;          // guarded by g_portMutex; null: the machine's tables
 std::atomic<int> g_pollPeriodMs{1000};
 
-const char* stateName(playerState_e state) {
-    switch (state) {
-        case STATE_PLAY_E: return "STATE_PLAY_E";
-        case STATE_STOP_E: return "STATE_STOP_E";
-        case STATE_PAUSE_E: return "STATE_PAUSE_E";
-        default: return "STATE_UNKNOW";
-    }
-}
-
-std::string hhmmss(int seconds) {
-    char buffer[16];
-    sec_convert_to_hhmmss(seconds, buffer, sizeof buffer);
-    return buffer;
-}
-
 std::string mpdBinary() { return approot::path("/tmp/larkd/bin/mpd"); }
 std::string mpcBinary() { return approot::path("/tmp/larkd/bin/mpc"); }
 std::string mpdConfig() { return approot::path("/tmp/larkd/morrat.conf"); }
@@ -256,7 +241,7 @@ int CAlsaPlayer::play() {
     if (getPlaylistSize() == 0) return -1;
     playerState_e state = getPlayerState();
     if (state == STATE_PLAY_E) {
-        LOG_WARN("play() state:%s", stateName(state));
+        LOG_WARN("play() state:%s", playerStateLogName(state));
         {
             std::lock_guard lock(m_waitMutex);
             m_kick = true;  // a track change from next()/previous() starts without waiting a turn
@@ -321,12 +306,12 @@ int CAlsaPlayer::seek(const char* position) {
     if (!position || getPlayerState() == STATE_STOP_E) return 0;
     int offset = m_startOffset.load();
     // Positions are the track's own; MPD counts from the start of the file.
-    if (offset >= 1) sendMpc({"seek", hhmmss(hhmmss_convert_to_sec(position) + offset)});
+    if (offset >= 1) sendMpc({"seek", sec_to_hhmmss(hhmmss_convert_to_sec(position) + offset)});
     else sendMpc({"seek", position});
     return 0;
 }
 
-int CAlsaPlayer::seekAbs(int seconds) { return sendMpc({"seek", hhmmss(seconds)}); }
+int CAlsaPlayer::seekAbs(int seconds) { return sendMpc({"seek", sec_to_hhmmss(seconds)}); }
 
 int CAlsaPlayer::setAudioAndSubtitle(const char*, int, int, const char*, const char*, const char*, const char*,
                                      const char*, const char*, int) {
@@ -404,7 +389,7 @@ void CAlsaPlayer::debugDump(std::string& out) {
                   "duration           :%d\n"
                   "savedVolume        :%d\n",
                   m_flowStage.load(), m_bStop.load(), m_bExit.load(), m_bStuckOnWaitLock.load(), m_bIsPlaying.load(),
-                  m_bChangeToNext.load(), stateName(getPlayerState()), m_port, m_startOffset.load(),
+                  m_bChangeToNext.load(), playerStateLogName(getPlayerState()), m_port, m_startOffset.load(),
                   m_duration.load(), m_savedVolume.load());
     out += text;
     LOG_TRACE("------------------------------------------------%s", text);
@@ -450,7 +435,7 @@ int CAlsaPlayer::addFileToMPD(const std::string& path) {
 void CAlsaPlayer::trace_(const char* mark, int stage) {
     m_flowStage = stage;
     LOG_TRACK("%s(%s)(m_bStuckOnWaitLock:%d)(m_bStop:%d)(m_bExit:%d)(m_bIsPlaying:%d)(m_bChangeToNext:%d)", mark,
-              stateName(getPlayerState()), m_bStuckOnWaitLock.load(), m_bStop.load(), m_bExit.load(),
+              playerStateLogName(getPlayerState()), m_bStuckOnWaitLock.load(), m_bStop.load(), m_bExit.load(),
               m_bIsPlaying.load(), m_bChangeToNext.load());
 }
 
@@ -549,7 +534,7 @@ void CAlsaPlayer::pollStatus_() {
     int total = length >= 1 ? length : status.total;
     int current = status.current;
     if (offset >= 1) current = std::max(0, current - offset);
-    setTotalTime(hhmmss(total));
+    setTotalTime(sec_to_hhmmss(total));
     setCurrTime(current);
     // After the times, so that whoever sees PLAY also sees where it plays.
     setPlayerState(STATE_PLAY_E);

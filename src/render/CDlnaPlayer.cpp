@@ -42,21 +42,6 @@ constexpr const char* kRed = "\033[0;31m";
 
 std::atomic<int> g_tickMs{1000};
 
-const char* stateName(playerState_e state) {
-    switch (state) {
-        case STATE_PLAY_E: return "STATE_PLAY_E";
-        case STATE_STOP_E: return "STATE_STOP_E";
-        case STATE_PAUSE_E: return "STATE_PAUSE_E";
-        default: return "STATE_UNKNOW";
-    }
-}
-
-std::string hhmmss(int seconds) {
-    char buffer[16];
-    sec_convert_to_hhmmss(seconds, buffer, sizeof buffer);
-    return buffer;
-}
-
 std::chrono::milliseconds scaled(int permille) {
     return std::chrono::milliseconds(std::max(1, g_tickMs.load() * permille / 1000));
 }
@@ -157,7 +142,7 @@ int CDlnaPlayer::play() {
     if (getPlaylistSize() == 0) return -1;
     playerState_e state = getPlayerState();
     if (state == STATE_PLAY_E) {
-        LOG_WARN("play() state:%s", stateName(state));
+        LOG_WARN("play() state:%s", playerStateLogName(state));
         return 0;
     }
     uint64_t parkRequest;
@@ -569,13 +554,13 @@ void CDlnaPlayer::trace_(const char* mark, int stage, int changTrackCnt) {
     m_flowStage = stage;
     if (changTrackCnt < 0) {
         LOG_TRACK("%s(%s)(m_bStuckOnWaitLock:%d)(m_bStop:%d)(m_bExit:%d)(m_bIsPlaying:%d)(m_bChangeToNext:%d)", mark,
-                  stateName(getPlayerState()), m_bStuckOnWaitLock.load(), m_bStop.load(), m_bExit.load(),
+                  playerStateLogName(getPlayerState()), m_bStuckOnWaitLock.load(), m_bStop.load(), m_bExit.load(),
                   m_bIsPlaying.load(), m_bChangeToNext.load());
     } else {
         LOG_TRACK(
             "%s(%s)(m_bStuckOnWaitLock:%d)(m_bStop:%d)(m_bExit:%d)(m_bIsPlaying:%d)(m_bChangeToNext:%d)"
             "(changTrackCnt:%d)",
-            mark, stateName(getPlayerState()), m_bStuckOnWaitLock.load(), m_bStop.load(), m_bExit.load(),
+            mark, playerStateLogName(getPlayerState()), m_bStuckOnWaitLock.load(), m_bStop.load(), m_bExit.load(),
             m_bIsPlaying.load(), m_bChangeToNext.load(), changTrackCnt);
     }
 }
@@ -724,7 +709,7 @@ void CDlnaPlayer::followPhoto_() {
     VLOG_AT(kCyan, "[%lu][%s][DelayCount: %d]", static_cast<unsigned long>(pthread_self()), getRenderID().c_str(),
             m_delayCount);
     setCurrTime(m_delayCount);
-    setTotalTime(hhmmss(delay));
+    setTotalTime(sec_to_hhmmss(delay));
     if (++m_delayCount > delay) {
         m_bChangeToNext = true;
         m_delayCount = 0;

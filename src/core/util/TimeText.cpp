@@ -68,3 +68,9 @@ void sec_convert_to_hhmmss(int seconds, char* buffer, size_t size) {
     if (buffer == nullptr || size == 0) return;
     std::snprintf(buffer, size, "%02d:%02d:%02d", seconds / 3600, seconds % 3600 / 60, seconds % 60);
 }
+
+std::string sec_to_hhmmss(int seconds) {
+    char buffer[16];
+    sec_convert_to_hhmmss(seconds, buffer, sizeof buffer);
+    return buffer;
+}

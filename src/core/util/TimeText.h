@@ -2,6 +2,8 @@
 // seconds.
 #pragma once
 
+#include <string>
+
 #include <cstddef>
 
 // "h:m:s" -> seconds. At most 30 characters are looked at; missing parts count as 0 and a text
@@ -14,3 +16,5 @@ int hhmmss_convert_to_sec(const char* text);
 
 // seconds -> "%02d:%02d:%02d" (hours are not wrapped at 24).
 void sec_convert_to_hhmmss(int seconds, char* buffer, size_t size);
+// The same as a string.
+std::string sec_to_hhmmss(int seconds);
