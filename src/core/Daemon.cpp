@@ -1,7 +1,6 @@
 #include "core/Daemon.h"
 
-#include <fcntl.h>
-#include <poll.h>
+#include <sys/signalfd.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -37,14 +36,18 @@ constexpr int kListenBacklog = 128;
 constexpr size_t kMaxConnections = 256;
 constexpr auto kIdleThreadTimeout = std::chrono::seconds(30);
 
-// Written by the SIGTERM/SIGINT handler, read by the accept loop.
-int g_stopPipe[2] = {-1, -1};
+// SIGTERM and SIGINT are blocked in every thread (the mask is set before the first thread
+// starts and inherited) and read from this descriptor by the main thread, so a stop request is
+// never delivered to, or delayed by, a thread that happens to be busy.
+int g_stopSignalFd = -1;
 
-void onStopSignal(int sig) {
-    int saved = errno;
-    char byte = static_cast<char>(sig);
-    [[maybe_unused]] ssize_t n = ::write(g_stopPipe[1], &byte, 1);
-    errno = saved;
+int openStopSignalFd() {
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGINT);
+    if (pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr) != 0) return -1;
+    return ::signalfd(-1, &stopSignals, SFD_CLOEXEC);
 }
 
 std::string makeCommandLogPath() {
@@ -75,8 +78,6 @@ void installSignals() {
     for (int sig : {SIGSEGV, SIGBUS, SIGABRT, SIGILL, SIGUSR1})
         setDisposition(sig, nullptr, &CPlayerManager::sigactionHandler, SA_SIGINFO | SA_RESTART);
     for (int sig : {SIGPIPE, SIGHUP}) setDisposition(sig, SIG_IGN, nullptr, SA_RESETHAND);
-    // A clean stop: the accept side wakes through the pipe.
-    for (int sig : {SIGTERM, SIGINT}) setDisposition(sig, &onStopSignal, nullptr, SA_RESTART);
 }
 
 bool isResourceShortage(int err) { return err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM; }
@@ -99,8 +100,8 @@ void onAcceptError(int err) {
 
 // Blocks until SIGTERM or SIGINT.
 void waitForStopSignal() {
-    pollfd pfd{g_stopPipe[0], POLLIN, 0};
-    while (::poll(&pfd, 1, -1) < 0 && errno == EINTR) {}
+    signalfd_siginfo info;
+    while (::read(g_stopSignalFd, &info, sizeof info) < 0 && errno == EINTR) {}
 }
 
 }  // namespace
@@ -142,8 +143,9 @@ int runDaemon() {
         LOG_ERR("socket path %s is too long for a Unix socket", socketPath.c_str());
         return 1;
     }
-    if (::pipe2(g_stopPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-        LOG_ERR("pipe2() ... fail: %s", std::strerror(errno));
+    g_stopSignalFd = openStopSignalFd();  // before any thread starts
+    if (g_stopSignalFd < 0) {
+        LOG_ERR("signalfd() ... fail: %s", std::strerror(errno));
         return 1;
     }
 
@@ -181,7 +183,6 @@ int runDaemon() {
     } catch (const char* what) {
         LOG_ERR("exception: %s", what);
     }
-    ::close(g_stopPipe[0]);
-    ::close(g_stopPipe[1]);
+    ::close(g_stopSignalFd);
     return 0;
 }
