@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "core/util/Log.h"
+#include "util/Log.h"
 #include "RawSqlite.h"
 #include "playlist/CSqlitePlaylist.h"
 

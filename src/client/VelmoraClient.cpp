@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "core/CUnixSocketIpc.h"
-#include "core/Framing.h"
+#include "ipc/CUnixSocketIpc.h"
+#include "ipc/Framing.h"
 
 namespace vclient {
 namespace {

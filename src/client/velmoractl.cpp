@@ -11,7 +11,7 @@
 
 #include "client/BatchFile.h"
 #include "client/VelmoraClient.h"
-#include "core/ResultCodes.h"
+#include "protocol/ResultCodes.h"
 
 namespace {
 

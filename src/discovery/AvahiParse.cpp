@@ -8,8 +8,8 @@
 #include <set>
 #include <string_view>
 
-#include "core/util/Log.h"
-#include "discovery/ParamXmlWrapper.h"
+#include "util/Log.h"
+#include "protocol/ParamXmlWrapper.h"
 
 using ParamXmlWrapper::add_child_node;
 

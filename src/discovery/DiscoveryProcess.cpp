@@ -2,8 +2,8 @@
 
 #include <string_view>
 
-#include "core/util/Log.h"
-#include "core/util/Process.h"
+#include "util/Log.h"
+#include "util/Process.h"
 
 namespace discovery {
 

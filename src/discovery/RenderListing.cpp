@@ -9,14 +9,15 @@
 #include <string>
 #include <string_view>
 
-#include "core/util/AppRoot.h"
-#include "core/util/Log.h"
+#include "util/AppRoot.h"
+#include "util/Log.h"
 #include "discovery/AvahiParse.h"
 #include "discovery/DiscoveryProcess.h"
-#include "discovery/ParamXmlWrapper.h"
+#include "discovery/DeviceDocs.h"
+#include "protocol/ParamXmlWrapper.h"
 #include "player/CPlayerManager.h"
 #include "player/PlayerTypes.h"
-#include "player/ThreadLock.h"
+#include "thread/ThreadLock.h"
 
 using namespace ParamXmlWrapper;
 

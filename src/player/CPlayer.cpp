@@ -8,7 +8,7 @@
 #include <random>
 #include <thread>
 
-#include "core/util/Log.h"
+#include "util/Log.h"
 #include "player/PlayerTypes.h"
 #include "playlist/CSqlitePlaylist.h"
 

@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "player/CThread.h"
+#include "thread/CThread.h"
 #include "player/PlayerTypesQueue.h"
 #include "playlist/PlaylistTypes.h"
 

@@ -16,9 +16,9 @@
 #include <string_view>
 #include <vector>
 
-#include "core/util/AppRoot.h"
-#include "core/util/Log.h"
-#include "core/util/Process.h"
+#include "util/AppRoot.h"
+#include "util/Log.h"
+#include "util/Process.h"
 #include "player/CPlayer.h"
 #include "xml/XMLNode.h"
 

@@ -8,13 +8,13 @@
 
 #include <thread>
 
-#include "core/util/Log.h"
-#include "core/util/StackFrame.h"
-#include "player/BackendFactory.h"
+#include "util/Log.h"
+#include "util/StackFrame.h"
 #include "player/PlayerTypes.h"
-#include "player/ThreadLock.h"
+#include "thread/ThreadLock.h"
 
-CPlayerManager::CPlayerManager(int passSeconds) : CThread(THREAD_JOINABLE_E), m_passSeconds(passSeconds) {
+CPlayerManager::CPlayerManager(std::shared_ptr<IPlayerBackends> backends, int passSeconds)
+    : CThread(THREAD_JOINABLE_E), m_backends(std::move(backends)), m_passSeconds(passSeconds) {
     mutexInit(m_deletingMutex, MUTEX_NORMAL_E);
     pthread_rwlock_init(&m_rwLock, nullptr);
     pthread_mutex_init(&m_stopMutex, nullptr);
@@ -174,7 +174,11 @@ CPlayer* CPlayerManager::addPlayer_(int& result, const std::string& renderID, co
 std::unique_ptr<CPlayer> CPlayerManager::createBackend_(const std::string& renderID, const renderCacheInfo_s& render,
                                                         const std::string& playlistTitle, const std::string& appType,
                                                         int& result) {
-    return createBackend(renderID, render, playlistTitle, appType, result);
+    if (!m_backends) {
+        LOG_WARN("Unkonw Type %s", renderID.c_str());
+        return nullptr;
+    }
+    return m_backends->create(renderID, render, playlistTitle, appType, result);
 }
 
 size_t CPlayerManager::getNumOfPlayer() {

@@ -18,26 +18,16 @@
 #include <vector>
 
 #include "player/CPlayer.h"
-#include "player/CThread.h"
+#include "player/PlayerBackends.h"
+#include "thread/CThread.h"
 #include "xml/XMLNode.h"
 
-struct renderCacheInfo_s {
-    uint32_t type = 0;
-    int32_t port = 0;
-    int32_t encrypted = 0;
-    std::string name;
-    std::string IP;
-    std::string card;    // local outputs: the sound card isSndDevBusy checks
-    std::string device;  // local outputs: the PCM device
-    uint8_t found = 0;
-    int32_t failures = 0;
-};
-typedef renderCacheInfo_s renderCacheInfo_t;
 
 class CPlayerManager : public CThread {
 public:
-    // passSeconds: period of the housekeeping pass (10 s on the appliance).
-    explicit CPlayerManager(int passSeconds = 10);
+    // backends: who builds the players (none: every render is of an unknown type); passSeconds:
+    // period of the housekeeping pass (10 s on the appliance).
+    explicit CPlayerManager(std::shared_ptr<IPlayerBackends> backends = nullptr, int passSeconds = 10);
     ~CPlayerManager() override;
 
     // Ends the housekeeping thread and waits for it. Safe to call more than once.
@@ -151,6 +141,7 @@ protected:
     std::vector<std::unique_ptr<CPlayer>> m_playerCollection;
     std::vector<std::unique_ptr<CPlayer>> m_playerReclaimCacheVec;
     std::map<std::string, renderCacheInfo_s> m_renderCache;
+    const std::shared_ptr<IPlayerBackends> m_backends;
     pthread_rwlock_t m_rwLock;
 
     // Set while a playlist is being deleted, with its title and app type; guarded by

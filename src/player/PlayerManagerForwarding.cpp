@@ -1,10 +1,7 @@
 // The player manager's forwarding: a command names a render id, the manager finds the player
 // under the collection's read lock and calls it under a try of the player's lock.
-#include "core/util/AppRoot.h"
-#include "core/util/Process.h"
 #include "player/CPlayerManager.h"
-#include "player/ThreadLock.h"
-#include "render/MpdAttr.h"
+#include "thread/ThreadLock.h"
 
 template <class Fn>
 int CPlayerManager::forward_(const char* renderID, Fn fn) {
@@ -112,17 +109,7 @@ int CPlayerManager::setPlayerAttributes(const char* renderID, const char* attrib
         }
         renderCacheInfo_s render;
         if (searchRenderInCache_(renderID, render) != 0) return -1;
-        int sampleRate = -2, dsd = -2;
-        ParseMpdAttr(attributes, &sampleRate, &dsd);
-        if (sampleRate == -2 && dsd == -2) return 0;
-        // The shared MPD instance drives every local output that has no player of its own.
-        ProcessOptions opts;
-        opts.timeoutMs = 10000;
-        opts.capture = ProcessOptions::Capture::None;
-        runProcess({approot::path("/tmp/larkd/bin/mpc"), "-p", "8893", "setoutputattr", render.name,
-                    std::to_string(dsd), std::to_string(sampleRate)},
-                   opts);
-        return 0;
+        return m_backends ? m_backends->setAttributesWithoutPlayer(render, attributes) : 0;
     } catch (...) {
         return -19;
     }

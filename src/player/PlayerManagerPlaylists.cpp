@@ -1,8 +1,8 @@
 // The player manager's playlist-wide operations: after a playlist changes, the queues of every
 // player playing it follow. Each waits for the players' locks (unlike the forwarding calls).
-#include "core/util/Log.h"
+#include "util/Log.h"
 #include "player/CPlayerManager.h"
-#include "player/ThreadLock.h"
+#include "thread/ThreadLock.h"
 #include "playlist/CSqlitePlaylist.h"
 
 template <class Fn>

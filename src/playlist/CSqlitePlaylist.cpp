@@ -10,11 +10,11 @@
 #include <filesystem>
 #include <system_error>
 
-#include "core/util/AppRoot.h"
-#include "core/util/Log.h"
-#include "core/util/PathUtil.h"
-#include "player/CThread.h"
-#include "player/ThreadLock.h"
+#include "util/AppRoot.h"
+#include "util/Log.h"
+#include "util/PathUtil.h"
+#include "thread/CThread.h"
+#include "thread/ThreadLock.h"
 
 namespace fs = std::filesystem;
 

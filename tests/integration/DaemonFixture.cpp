@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "core/Framing.h"
+#include "ipc/Framing.h"
 #include "unit/support/Files.h"
 
 namespace itest {

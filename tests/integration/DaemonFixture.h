@@ -7,7 +7,7 @@
 #include <string>
 
 #include "client/VelmoraClient.h"
-#include "core/util/Process.h"
+#include "util/Process.h"
 
 namespace itest {
 

@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-#include "core/util/Process.h"
+#include "util/Process.h"
 #include "integration/DaemonFixture.h"
 #include "unit/support/Files.h"
 

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <thread>
 
-#include "core/util/Process.h"
+#include "util/Process.h"
 #include "integration/DaemonFixture.h"
 #include "unit/support/Files.h"
 

@@ -2,7 +2,7 @@
 // daemon is not there.
 #include <gtest/gtest.h>
 
-#include "core/util/Process.h"
+#include "util/Process.h"
 #include "integration/DaemonFixture.h"
 
 using namespace itest;

@@ -4,7 +4,9 @@
 #include <string>
 
 #include "DiscoveryTestSupport.h"
-#include "discovery/ParamXmlWrapper.h"
+#include "discovery/DeviceDocs.h"
+#include "discovery/MpdOutputs.h"
+#include "discovery/SoundCards.h"
 
 using namespace ParamXmlWrapper;
 

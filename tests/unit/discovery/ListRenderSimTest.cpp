@@ -37,12 +37,17 @@ protected:
         DiscoveryRootTest::TearDown();
     }
 
-    int run(const std::string& command, const vclient::Params& params = {}) {
-        return testsupport::runCommand(manager, command, params, answer);
+    // The handler called as the dispatcher calls it.
+    int run(const std::string& command, const char* renderType = nullptr) {
+        XMLNode request = XMLNode::createXMLTopNode("root");
+        request.addChild("command").addText(command.c_str());
+        XMLNode params = request.addChild("paramList");
+        if (renderType) params.addChild("renderType").addText(renderType);
+        answer = XMLNode();
+        return command == "ListRender" ? list_render(manager, request, answer)
+                                       : list_unknow_render(manager, request, answer);
     }
-    int listRender(const char* renderType = nullptr) {
-        return run("ListRender", renderType ? vclient::Params{{"renderType", renderType}} : vclient::Params{});
-    }
+    int listRender(const char* renderType = nullptr) { return run("ListRender", renderType); }
     // The listed devices by deviceId.
     std::map<std::string, XMLNode> devices() {
         std::map<std::string, XMLNode> out;
@@ -71,7 +76,7 @@ protected:
     }
 
     static inline time_t s_now = 0;
-    CPlayerManager manager{3600};
+    CPlayerManager manager{nullptr, 3600};
     XMLNode answer;
 };
 
@@ -205,7 +210,7 @@ TEST(RenderTypeMask, NamesAndHexMasks) {
 // are checked above.
 TEST(RenderCacheRefresh, TypeAndCapabilityBits) {
     using namespace playertype;
-    CPlayerManager manager(3600);
+    CPlayerManager manager(nullptr, 3600);
     auto cached = [&](const char* id, renderCacheInfo_s& out) {
         ThreadReadLock lock(manager.getRWLock());
         return manager.searchRenderInCache_(id, out) == 0;

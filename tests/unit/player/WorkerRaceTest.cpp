@@ -8,8 +8,8 @@
 #include <mutex>
 
 #include "PlayerTestSupport.h"
-#include "core/util/Log.h"
-#include "player/ThreadLock.h"
+#include "util/Log.h"
+#include "thread/ThreadLock.h"
 
 namespace {
 

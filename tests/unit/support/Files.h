@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/util/AppRoot.h"
+#include "util/AppRoot.h"
 
 namespace testsupport {
 

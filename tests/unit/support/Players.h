@@ -1,5 +1,5 @@
-// A player back-end that records what is asked of the device, a manager whose players are such
-// back-ends, and commands run through the command table as the dispatcher runs them.
+// A player back-end that records what is asked of the device, and a manager whose players are
+// such back-ends.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,12 +11,10 @@
 #include <utility>
 #include <vector>
 
-#include "client/VelmoraClient.h"
-#include "core/CommandTable.h"
 #include "player/CPlayer.h"
 #include "player/CPlayerManager.h"
 #include "player/PlayerTypes.h"
-#include "player/ThreadLock.h"
+#include "thread/ThreadLock.h"
 
 namespace testsupport {
 
@@ -75,7 +73,7 @@ public:
 
 class FakeManager : public CPlayerManager {
 public:
-    FakeManager() : CPlayerManager(3600) {}
+    FakeManager() : CPlayerManager(nullptr, 3600) {}
     // Lists a render as discovery would.
     void list(const std::string& id, uint32_t type = playertype::kDlna | playertype::kCapVideo | playertype::kCapAudio) {
         ThreadWriteLock lock(getRWLock());
@@ -106,15 +104,5 @@ protected:
         return std::make_unique<FakePlayer>(render.type, id, render.name, title, appType);
     }
 };
-
-// Runs a command through the table as the dispatcher does; the answer lands in `answer`.
-inline int runCommand(CPlayerManager& manager, const std::string& command, const vclient::Params& params,
-                      XMLNode& answer) {
-    XMLNode request = XMLNode::parseString(vclient::buildRequest(command, params), "root");
-    answer = XMLNode();
-    commandHandler_t handler = findCommand(command.c_str());
-    EXPECT_NE(handler, nullptr) << command;
-    return handler ? handler(manager, request, answer) : -7;
-}
 
 }  // namespace testsupport

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/util/Process.h"
+#include "util/Process.h"
 #include "playlist/CSqlitePlaylist.h"
 #include "unit/support/Files.h"
 

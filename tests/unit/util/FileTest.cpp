@@ -7,10 +7,10 @@
 #include <string>
 
 #include "UtilTestSupport.h"
-#include "core/util/DebugLog.h"
-#include "core/util/PathUtil.h"
-#include "core/util/StackFrame.h"
-#include "core/util/TimeText.h"
+#include "util/DebugLog.h"
+#include "util/PathUtil.h"
+#include "util/StackFrame.h"
+#include "util/TimeText.h"
 
 namespace {
 

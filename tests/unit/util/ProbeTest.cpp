@@ -6,9 +6,9 @@
 #include <thread>
 
 #include "UtilTestSupport.h"
-#include "core/util/NetUtil.h"
-#include "core/util/ProcProbe.h"
-#include "core/util/Process.h"
+#include "util/NetUtil.h"
+#include "util/ProcProbe.h"
+#include "util/Process.h"
 
 namespace {
 

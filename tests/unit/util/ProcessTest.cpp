@@ -1,4 +1,4 @@
-#include "core/util/Process.h"
+#include "util/Process.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -1,4 +1,4 @@
-#include "core/util/Subtitle.h"
+#include "util/Subtitle.h"
 
 #include <gtest/gtest.h>
 

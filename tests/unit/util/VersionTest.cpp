@@ -1,4 +1,4 @@
-#include "core/util/Version.h"
+#include "util/Version.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -1,0 +1,120 @@
+#include "command/RequestProcessor.h"
+
+#include <unistd.h>
+
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "ipc/CUnixSocketIpc.h"
+#include "command/CommandTable.h"
+#include "ipc/Framing.h"
+#include "ipc/RequestIO.h"
+#include "protocol/ResultCodes.h"
+#include "util/Log.h"
+#include "util/Version.h"
+#include "protocol/ParamXmlWrapper.h"
+
+namespace {
+
+// Polled many times a second by front ends: kept out of the log.
+bool isQuietCommand(const char* command) {
+    return std::strcmp(command, "GetVolume") == 0 || std::strcmp(command, "GetMute") == 0;
+}
+
+int runHandler(commandHandler_t handler, const char* command, CPlayerManager& manager, XMLNode& request,
+               XMLNode& answer) {
+    try {
+        return handler(manager, request, answer);
+    } catch (const char* what) {
+        LOG_ERR("[%s] failed: %s", command, what);
+    } catch (const std::exception& e) {
+        LOG_ERR("[%s] failed: %s", command, e.what());
+    } catch (...) {
+        LOG_ERR("[%s] failed with an unknown exception", command);
+    }
+    answer = XMLNode();
+    return result::kAgentFailure;
+}
+
+void setStatus(XMLNode& answer, int code) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%d", code);
+    ParamXmlWrapper::create_status_xml_doc(answer, text, nullptr);
+}
+
+}  // namespace
+
+void serveConnection(const processArg_s& arg) noexcept {
+    try {
+        std::string requestText;
+        if (requestio::readRequest(*arg.ipc, arg.fd, requestText) != 0) return;
+
+        XMLNode answer;
+        int rc;
+        const char* command = "";
+        const char* dev = "N/A";
+        bool quiet = false;
+
+        XMLNode request = XMLNode::parseString(requestText, "root");
+        if (request.isEmpty()) {
+            LOG_ERR("WRONG PACKAGE FORMAT");
+            rc = result::kBadRequest;
+        } else if (!(command = request.getChildNode("command").getText())) {
+            command = "";
+            LOG_ERR("NO COMMAND FIELD");
+            rc = result::kUnknownCommand;
+        } else {
+            if (const char* d = request.getChildNode("paramList").getChildNode("dev").getText()) dev = d;
+            quiet = isQuietCommand(command);
+            if (!quiet) {
+                LOG_TRACE("Command:%s  --dev:%s", command, dev);
+                LOG_TRACE("\n%s\n", requestText.c_str());
+            }
+            commandHandler_t handler = findCommand(command);
+            if (!handler) {
+                LOG_ERR("COMMAND '%s' not found", command);
+                rc = result::kUnknownCommand;
+            } else {
+                rc = runHandler(handler, command, *arg.playerManager, request, answer);
+            }
+        }
+
+        if (rc < 0) {
+            if (!answer.isEmpty()) {
+                LOG_ERR("[%s]There is someting worng in the contorl flow", command);
+                answer = XMLNode();
+            }
+            setStatus(answer, rc);
+        } else if (answer.isEmpty()) {
+            // A handler that succeeds must answer; treat the fault as a failure, not a crash.
+            LOG_TRACE("Command:%s  --dev:%s(err)", command, dev);
+            setStatus(answer, result::kAgentFailure);
+        }
+
+        std::string version = getVersionText("XUMA");
+        if (!version.empty()) ParamXmlWrapper::add_child_node(answer, "version", version.c_str());
+
+        std::string body;
+        body.reserve(256);
+        answer.appendTo(body, 1);
+        if (requestio::sendAnswer(arg.fd, body)) {
+            char ack[framing::kAckSize];
+            arg.ipc->Read(ack, sizeof ack, arg.fd);
+        }
+        if (!quiet) LOG_TRACE("Command:%s  --dev:%s(done)", command, dev);
+    } catch (const std::exception& e) {
+        LOG_ERR("connection failed: %s", e.what());
+    } catch (...) {
+        LOG_ERR("connection failed with an unknown exception");
+    }
+}
+
+void* process(void* arg) {
+    std::unique_ptr<processArg_s> owned(static_cast<processArg_s*>(arg));
+    if (!owned) return nullptr;
+    serveConnection(*owned);
+    owned->ipc->Close(owned->fd);
+    return nullptr;
+}

@@ -1,0 +1,189 @@
+#include "daemon/Daemon.h"
+
+#include <sys/signalfd.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <thread>
+
+#include "ipc/CUnixSocketIpc.h"
+#include "ipc/ConnectionPool.h"
+#include "ipc/Framing.h"
+#include "command/RequestProcessor.h"
+#include "util/AppRoot.h"
+#include "util/DebugLog.h"
+#include "util/Log.h"
+#include "util/PathUtil.h"
+#include "util/ProcProbe.h"
+#include "util/StackFrame.h"
+#include "output/BackendTable.h"
+#include "player/CPlayerManager.h"
+#include "playlist/CSqlitePlaylist.h"
+
+std::string g_cmdLogPath;
+
+namespace {
+
+constexpr const char* kProcessName = "Velmora";
+constexpr const char* kSocketPath = "/tmp/.@Velmora.xxx";
+constexpr int kListenBacklog = 128;
+constexpr size_t kMaxConnections = 256;
+constexpr auto kIdleThreadTimeout = std::chrono::seconds(30);
+
+// SIGTERM and SIGINT are blocked in every thread (the mask is set before the first thread
+// starts and inherited) and read from this descriptor by the main thread, so a stop request is
+// never delivered to, or delayed by, a thread that happens to be busy.
+int g_stopSignalFd = -1;
+
+int openStopSignalFd() {
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGINT);
+    if (pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr) != 0) return -1;
+    return ::signalfd(-1, &stopSignals, SFD_CLOEXEC);
+}
+
+std::string makeCommandLogPath() {
+    std::string real;
+    if (get_real_path(approot::path("/share/Public").c_str(), real) != 0) {
+        // Without the share the log still needs a writable home: the root's own /tmp.
+        real = approot::path("/tmp/Public");
+    }
+    size_t at = real.find("Public");
+    if (at != std::string::npos) real.resize(at);
+    real += ".log/";
+    std::error_code ec;
+    std::filesystem::create_directories(real, ec);
+    return real + ".center_cmd.log";
+}
+
+void setDisposition(int sig, void (*handler)(int), void (*action)(int, siginfo_t*, void*), int flags) {
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sigemptyset(&sa.sa_mask);
+    if (action) sa.sa_sigaction = action;
+    else sa.sa_handler = handler;
+    sa.sa_flags = flags;
+    sigaction(sig, &sa, nullptr);
+}
+
+void installSignals() {
+    for (int sig : {SIGSEGV, SIGBUS, SIGABRT, SIGILL, SIGUSR1})
+        setDisposition(sig, nullptr, &CPlayerManager::sigactionHandler, SA_SIGINFO | SA_RESTART);
+    for (int sig : {SIGPIPE, SIGHUP}) setDisposition(sig, SIG_IGN, nullptr, SA_RESETHAND);
+}
+
+bool isResourceShortage(int err) { return err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM; }
+
+void prepareConnection(int fd) {
+    timeval tv{framing::kIoTimeoutSec, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+}
+
+// Reports a failed accept; out of descriptors or memory, it also pauses the thread briefly so
+// that connections in flight can finish instead of spinning on the same failure.
+void onAcceptError(int err) {
+    LOG_SOCKET("ipc.Accept() ... fial");
+    debug_write_log(g_cmdLogPath.c_str(), "Accept() [fail]");
+    errno = err;
+    errortMessage_("ipc.Accept()");
+    if (isResourceShortage(err)) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
+// Blocks until SIGTERM or SIGINT.
+void waitForStopSignal() {
+    signalfd_siginfo info;
+    while (::read(g_stopSignalFd, &info, sizeof info) < 0 && errno == EINTR) {}
+}
+
+}  // namespace
+
+void errortMessage_(const char* operation) {
+    static const struct {
+        int err;
+        const char* name;
+    } kNames[] = {
+        {EINTR, "EINTR"},         {EBADF, "EBADF"},           {EAGAIN, "EAGAIN"},
+        {EFAULT, "EFAULT"},       {EINVAL, "EINVAL"},         {EMFILE, "EMFILE"},
+        {ENONET, "ENONET"},       {EPROTO, "EPROTO"},         {ENOTSOCK, "ENOTSOCK"},
+        {ENOPROTOOPT, "ENOPROTOOPT"}, {EOPNOTSUPP, "EOPNOTSUPP"}, {ENETDOWN, "ENETDOWN"},
+        {ENETUNREACH, "ENETUNREACH"}, {ECONNABORTED, "ECONNABORTED"}, {ENOBUFS, "ENOBUFS"},
+        {EHOSTDOWN, "EHOSTDOWN"}, {EHOSTUNREACH, "EHOSTUNREACH"},
+    };
+    int err = errno;
+    for (const auto& entry : kNames) {
+        if (entry.err != err) continue;
+        // The EPROTO line is the one written without a line break.
+        if (err == EPROTO) LOG_ERR("%s..... %s", operation, entry.name);
+        else LOG_ERR("%s..... %s\n", operation, entry.name);
+        return;
+    }
+    LOG_ERR("%s..... %d", operation, err);
+}
+
+int runDaemon() {
+    if (is_process_already_exist(kProcessName)) {
+        LOG_ERR("process already exist!!");
+        return 0;
+    }
+
+    g_cmdLogPath = makeCommandLogPath();
+    preload_stackframe();
+
+    std::string socketPath = approot::path(kSocketPath);
+    if (socketPath.size() >= sizeof(sockaddr_un::sun_path)) {
+        LOG_ERR("socket path %s is too long for a Unix socket", socketPath.c_str());
+        return 1;
+    }
+    g_stopSignalFd = openStopSignalFd();  // before any thread starts
+    if (g_stopSignalFd < 0) {
+        LOG_ERR("signalfd() ... fail: %s", std::strerror(errno));
+        return 1;
+    }
+
+    try {
+        std::error_code ec;
+        std::filesystem::create_directories(approot::path("/tmp"), ec);
+        CUnixSocketIpc ipc(socketPath.c_str(), true);
+        CPlayerManager playerManager(std::make_shared<BackendTable>());
+        playlistStore();  // open (or create) the playlist database now, not on the first request
+        installSignals();
+        playerManager.start("manager");
+
+        if (ipc.Listen(kListenBacklog) != 0) {
+            LOG_SOCKET("ipc.Listen() ... fial");
+            debug_write_log(g_cmdLogPath.c_str(), "Listen() [fail]");
+            throw "ipc.Listen";
+        }
+
+        {
+            ConnectionPool pool(
+                ipc.getSockFd(), [&] { return ipc.Accept(); },
+                [&](int fd) {
+                    prepareConnection(fd);
+                    processArg_s arg{fd, &ipc, &playerManager};
+                    serveConnection(arg);
+                },
+                onAcceptError, kMaxConnections, kIdleThreadTimeout);
+            if (int rc = pool.start(); rc != 0) throw "connection threads";
+            waitForStopSignal();
+            LOG_NOTE("stopping: finishing the connections in flight");
+            pool.shutdown();
+        }
+        playerManager.stopThread();
+        CGlobalsSingleton<CSqlitePlaylist>::reset();
+    } catch (const char* what) {
+        LOG_ERR("exception: %s", what);
+    }
+    ::close(g_stopSignalFd);
+    return 0;
+}

@@ -1,0 +1,808 @@
+#include "output/dlna/CDlnaPlayer.h"
+
+#include <pthread.h>
+#include <strings.h>
+#include <sys/utsname.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "util/Log.h"
+#include "util/NetUtil.h"
+#include "util/PathUtil.h"
+#include "util/Process.h"
+#include "util/Subtitle.h"
+#include "util/TimeText.h"
+#include "agent/DlnaAgent.h"
+
+using namespace std::chrono_literals;
+using dlnaagent::Argv;
+
+namespace {
+
+constexpr auto kParkWait = 10s;
+// Counts, whatever the tick.
+constexpr int kStalledPolls = 20;    // polls without progress before the track is given up
+constexpr int kFailPolls = 10;       // "fail" position replies before the track is given up
+constexpr int kGracePasses = 5;      // passes after a track change without outside-stop checks
+constexpr int kHistoryPasses = 7;    // passes between play-history records
+constexpr int kOutsideStopMargin = 15;  // seconds before the end a renderer stop counts as a stop
+constexpr int kPlayChecks = 9;
+constexpr int kStopTries = 4;
+constexpr int kStopFirstTries = 10;
+constexpr int kBusyAttempts = 5;
+constexpr int kSeekPositionTries = 30;
+
+constexpr const char* kGrey = "\033[0;37m";
+constexpr const char* kCyan = "\033[0;36m";
+constexpr const char* kRed = "\033[0;31m";
+
+std::atomic<int> g_tickMs{1000};
+
+std::chrono::milliseconds scaled(int permille) {
+    return std::chrono::milliseconds(std::max(1, g_tickMs.load() * permille / 1000));
+}
+
+bool machineIsArm() {
+    utsname names{};
+    if (::uname(&names) != 0) return false;
+    std::string machine = names.machine;
+    return machine.find("arm") != std::string::npos || machine.find("Arm") != std::string::npos ||
+           machine.find("ARM") != std::string::npos;
+}
+
+bool isAudioOrVideo(mediaType_e type) { return type == MEDIA_AUDIO_E || type == MEDIA_VIDEO_E; }
+
+// Entries added in a batch carry "N/A" instead of their object id.
+std::string objectIdOf(const playlistElm_s& elm) {
+    if (elm.UPnPObjID.empty() || elm.UPnPObjID == "N/A") return elm.Content;
+    return elm.UPnPObjID;
+}
+
+}  // namespace
+
+// ---- tick ----------------------------------------------------------------------------------
+
+void CDlnaPlayer::setTick(std::chrono::milliseconds tick) {
+    g_tickMs.store(static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(tick.count(), 1, 3600 * 1000)));
+}
+
+std::chrono::milliseconds CDlnaPlayer::tick() { return std::chrono::milliseconds(g_tickMs.load()); }
+
+// ---- construction --------------------------------------------------------------------------
+
+CDlnaPlayer::CDlnaPlayer(uint32_t type, const std::string& renderID, const std::string& deviceName,
+                         const std::string& playlistTitle, const std::string& appType)
+    : CPlayer(type, renderID.c_str(), deviceName.c_str(), playlistTitle.c_str(), appType.c_str()) {
+    m_currElm.MediaType = MEDIA_UNKNOW_E;
+    m_currElm.ContentType = CONTENT_UNKNOW_E;
+    m_bIsArm = machineIsArm();
+
+    std::string reply;
+    Argv isXbmc = dlnaagent::command("isXBMC", renderID);
+    LOG_AGENT("%s", formatCommandLine(isXbmc).c_str());
+    if (dlnaagent::query(isXbmc, 256, reply)) m_bIsXBMC = reply.find("xbmc") != std::string::npos;
+
+    int tickMs = g_tickMs.load();
+    m_monitorPeriodSec = tickMs >= 1000 ? tickMs / 1000 : 0;
+    m_monitor = std::make_unique<myMonitor::CMyMonitor<CDlnaPlayer>>(this, m_monitorPeriodSec);
+    m_monitor->pause();  // it watches only while the worker is parked
+    if (m_monitor->start(("dlnamon:" + deviceName).c_str()) != 0)
+        LOG_ERR("monitor of %s not started", deviceName.c_str());
+
+    if (start(("dlna:" + deviceName).c_str()) != 0) {
+        // No worker: callers must not wait for one to park.
+        std::lock_guard lock(m_waitMutex);
+        m_bStuckOnWaitLock = true;
+        return;
+    }
+    // The worker's first pass stops the renderer and parks; the player is handed over parked.
+    std::unique_lock lock(m_waitMutex);
+    waitParked_(lock, "CDlnaPlayer()");
+}
+
+std::unique_ptr<CPlayer> CDlnaPlayer::create(const std::string& renderID, const renderCacheInfo_s& render,
+                                             const std::string& playlistTitle, const std::string& appType, int&) {
+    return std::make_unique<CDlnaPlayer>(render.type, renderID, render.name, playlistTitle, appType);
+}
+
+CDlnaPlayer::~CDlnaPlayer() {
+    LOG_NOTE("~CDlnaPlayer %s ...", getDeviceName().c_str());
+    // The monitor first: its callback may call play() on this object.
+    m_bMonitorOn = false;
+    {
+        std::lock_guard lock(m_paceMutex);
+        m_bPaceExit = true;
+    }
+    m_paceCond.notify_all();
+    m_monitor->shutdown();
+
+    {
+        std::unique_lock lock(m_waitMutex);
+        m_bIsPlaying = false;
+        m_bStop = true;
+        m_waitCond.notify_all();
+        waitParked_(lock, "~CDlnaPlayer()");
+        m_bExit = true;
+    }
+    m_waitCond.notify_all();
+    join();
+    m_monitor.reset();
+}
+
+// ---- caller side ---------------------------------------------------------------------------
+
+bool CDlnaPlayer::waitParked_(std::unique_lock<std::mutex>& lock, const char* who) {
+    bool parked = m_parkedCond.wait_for(lock, kParkWait, [&] { return m_bStuckOnWaitLock && !m_wakeForStop; });
+    if (!parked) LOG_ERR("%s: %s: worker did not park within 10 s", who, getDeviceName().c_str());
+    return parked;
+}
+
+void CDlnaPlayer::wakeWorker_() { m_waitCond.notify_all(); }
+
+int CDlnaPlayer::play() {
+    if (getPlaylistSize() == 0) return -1;
+    playerState_e state = getPlayerState();
+    if (state == STATE_PLAY_E) {
+        LOG_WARN("play() state:%s", playerStateLogName(state));
+        return 0;
+    }
+    uint64_t parkRequest;
+    {
+        std::lock_guard lock(m_waitMutex);
+        parkRequest = m_parkRequest;
+    }
+    if (state == STATE_PAUSE_E && m_bIsPlaying) {
+        // Resume where the renderer paused rather than starting the track again.
+        if (sendPlay_() != 0) return -1;
+    }
+    {
+        std::lock_guard lock(m_waitMutex);
+        // The monitor calls this without the player's lock: a stop() or pause() the manager
+        // made meanwhile wins over a resume seen on the renderer before it.
+        if (m_parkRequest != parkRequest) return 0;
+        if (state == STATE_PAUSE_E && m_bIsPlaying) setPlayerState(STATE_PLAY_E);
+        m_bStop = false;
+    }
+    wakeWorker_();
+    return 0;
+}
+
+int CDlnaPlayer::pause() {
+    std::unique_lock lock(m_waitMutex);
+    ++m_parkRequest;
+    m_bStop = true;
+    playerState_e state = getPlayerState();
+    if ((state == STATE_PAUSE_E || state == STATE_STOP_E) && m_bStuckOnWaitLock) return 0;
+    LOG_WARN("[PLAY:pause()] ---> [PAUSE]");
+    m_waitCond.notify_all();
+    waitParked_(lock, "pause()");
+    return 0;
+}
+
+int CDlnaPlayer::stop(bool force) {
+    savePlayHistory();
+    std::unique_lock lock(m_waitMutex);
+    ++m_parkRequest;
+    m_bIsPlaying = false;
+    m_bStop = true;
+    playerState_e state = getPlayerState();
+    if (state == STATE_STOP_E && m_bStuckOnWaitLock) return 0;
+    LOG_WARN("[PLAY:stop(%s)] ---> [STOP]", force ? "True" : "False");
+    // A paused player is parked on a paused renderer: wake it so that it stops the renderer.
+    if (m_bStuckOnWaitLock && state == STATE_PAUSE_E) m_wakeForStop = true;
+    m_waitCond.notify_all();
+    waitParked_(lock, "stop()");
+    return 0;
+}
+
+int CDlnaPlayer::step_(int delta, const char* who) {
+    if (getPlayerState() == STATE_STOP_E) return 0;
+    if (getPlaylistSize() == 0) return -1;
+    // The monitor must not resume the old track while the index moves.
+    m_bMonitorOn = false;
+    m_monitor->pause();
+    if (!stepCurrTrackIndex_(delta)) {
+        m_bMonitorOn = true;
+        return -1;
+    }
+    LOG_TRACE("%s: %s -> entry %lu", who, getDeviceName().c_str(), static_cast<unsigned long>(getCurrTrackIndex()));
+    {
+        std::lock_guard lock(m_waitMutex);
+        ++m_trackRequest;
+        m_bIsPlaying = false;
+        m_bStop = false;
+        m_kick = true;
+    }
+    wakeWorker_();
+    m_bMonitorOn = true;
+    return 0;
+}
+
+int CDlnaPlayer::next() { return step_(+1, "next()"); }
+
+int CDlnaPlayer::previous() { return step_(-1, "previous()"); }
+
+int CDlnaPlayer::seek(const char* position) {
+    if (!position || m_bStop) return 0;
+    // A renderer that has not started yet cannot be moved.
+    int tries = 0;
+    for (; tries < kSeekPositionTries; ++tries) {
+        int current = getCurrTimeSecond();
+        if (current != 0) break;
+        LOG_TRACE("getCurrTimeSecond = %d", current);
+        std::this_thread::sleep_for(scaled(500));
+    }
+    if (tries == kSeekPositionTries) return 0;
+
+    m_bSeeking = true;
+    std::string externalSubtitle;
+    int needTranscode = isNeedTranscode(externalSubtitle);
+    int result = 0;
+    if (m_bIsArm && needTranscode && currentElm_().MediaType != MEDIA_AUDIO_E) {
+        LOG_WARN("seek: transcoding on this processor; not sought");
+    } else if (setAvTransport_(position, needTranscode, 0, -1,
+                               externalSubtitle.empty() ? nullptr : externalSubtitle.c_str()) == 0) {
+        sendPlay_();
+        // A transcoded stream restarts its clock at the position: remember where it began.
+        if (needTranscode) setSeekOffset(position);
+        {
+            std::lock_guard lock(m_waitMutex);
+            m_bIsPlaying = true;
+        }
+        result = play();
+    } else {
+        result = -1;
+    }
+    m_bSeeking = false;
+    return result;
+}
+
+int CDlnaPlayer::setAudioAndSubtitle(const char*, int, int, const char*, const char*, const char*, const char*,
+                                     const char*, const char*, int) {
+    LOG_WARN("[%s][%d]: >>> Need to implement DlnaPlayer::setAudioAndSubtitle <<<", "CDlnaPlayer.h", __LINE__);
+    return 0;
+}
+
+// ---- volume --------------------------------------------------------------------------------
+
+int CDlnaPlayer::setVolume(int volume) {
+    volume = std::clamp(volume, 0, 100);
+    Argv argv = dlnaagent::command("setVolume", getRenderID());
+    argv.insert(argv.end(), {"--vol", std::to_string(volume)});
+    LOG_AGENT("%s", formatCommandLine(argv).c_str());
+    std::string reply;
+    if (!dlnaagent::query(argv, dlnaagent::kShortReply, reply)) return -1;
+    return reply.find("Success") != std::string::npos ? 0 : -1;
+}
+
+int CDlnaPlayer::getVolume() {
+    Argv argv = dlnaagent::command("getVolume", getRenderID());
+    std::string reply;
+    if (!dlnaagent::query(argv, dlnaagent::kShortReply, reply)) return -1;
+    std::string text = dlnaagent::field(reply, "CurrentVolume");
+    if (text.empty()) return -1;
+    return std::atoi(text.c_str());
+}
+
+// ---- monitor -------------------------------------------------------------------------------
+
+void CDlnaPlayer::monitor(bool on) {
+    m_bMonitorOn = on;
+    if (!on) m_monitor->pause();
+}
+
+void CDlnaPlayer::callback() {
+    // A call already under way when the worker left its park has nothing to watch.
+    if (m_bStuckOnWaitLock) {
+        playerState_e state = getRenderState_();
+        playerState_e last = m_callbackLastState.exchange(state);
+        if (state == STATE_PLAY_E && last == STATE_PAUSE_E && m_bStuckOnWaitLock) {
+            LOG_TRACE("%s: resumed on the renderer", getDeviceName().c_str());
+            play();
+        } else if (state == STATE_STOP_E) {
+            m_monitor->pause();
+        }
+    }
+    if (m_monitorPeriodSec == 0) {
+        std::unique_lock lock(m_paceMutex);
+        m_paceCond.wait_for(lock, tick(), [&] { return m_bPaceExit; });
+    }
+}
+
+void CDlnaPlayer::debugDump(std::string& out) {
+    char text[512];
+    std::snprintf(text, sizeof text,
+                  "\nFlowStage          :%d\n"
+                  "m_bStop            :%d\n"
+                  "m_bExit            :%d\n"
+                  "m_bStuckOnWaitLock :%d\n"
+                  "m_bIsPlaying       :%d\n"
+                  "m_bChangeToNext    :%d\n",
+                  m_flowStage.load(), m_bStop.load(), m_bExit.load(), m_bStuckOnWaitLock.load(), m_bIsPlaying.load(),
+                  m_bChangeToNext.load());
+    out += text;
+    LOG_TRACE("------------------------------------------------%s", text);
+}
+
+// ---- renderer actions ----------------------------------------------------------------------
+
+playlistElm_s CDlnaPlayer::currentElm_() const {
+    std::lock_guard lock(m_elmMutex);
+    return m_currElm;
+}
+
+void CDlnaPlayer::setCurrentElm_(const playlistElm_s& elm) {
+    std::lock_guard lock(m_elmMutex);
+    m_currElm = elm;
+}
+
+bool CDlnaPlayer::nap_(std::chrono::milliseconds d, bool kick) {
+    // Only the worker, away from its park work, gives up a wait for a stop: its caller then
+    // abandons what it was doing. Command threads and the park work wait it out.
+    bool cuttable = isInside() && !m_inParkWork;
+    std::unique_lock lock(m_waitMutex);
+    bool cut = m_waitCond.wait_for(lock, d, [&] {
+        return m_bExit || (cuttable && (m_bStop || (kick && m_kick)));
+    });
+    if (kick) m_kick = false;
+    return !cut;
+}
+
+int CDlnaPlayer::sendPlay_() {
+    Argv argv = dlnaagent::command("Play", getRenderID());
+    LOG_AGENT("%s", formatCommandLine(argv).c_str());
+    dlnaagent::fire(argv);
+    Argv state = dlnaagent::command("getTransportInfo", getRenderID());
+    for (int i = 0; i < kPlayChecks; ++i) {
+        if (!nap_(scaled(50))) return -1;
+        std::string reply;
+        if (!dlnaagent::query(state, dlnaagent::kShortReply, reply)) continue;
+        std::string text = dlnaagent::field(reply, "CurrentTransportState");
+        if (!text.empty() && strcasecmp(text.c_str(), "TRANSITIONING") != 0) return 0;
+    }
+    LOG_WARN("%s: still TRANSITIONING after Play", getDeviceName().c_str());
+    return -1;
+}
+
+int CDlnaPlayer::sendStop_() {
+    Argv argv = dlnaagent::command("Stop", getRenderID());
+    for (int i = 0; i < kStopTries; ++i) {
+        LOG_AGENT("%s", formatCommandLine(argv).c_str());
+        dlnaagent::fire(argv);
+        if (isRanderStop_() != 0) return 0;
+        if (!nap_(tick())) break;
+    }
+    return -1;
+}
+
+int CDlnaPlayer::sendPause_() {
+    Argv argv = dlnaagent::command("Pause", getRenderID());
+    LOG_AGENT("%s", formatCommandLine(argv).c_str());
+    std::string reply;
+    if (!dlnaagent::query(argv, dlnaagent::kShortReply, reply)) return -1;
+    if (strcasecmp(dlnaagent::field(reply, "Status").c_str(), "Success") != 0) {
+        LOG_WARN("%s: Pause refused: %s", getDeviceName().c_str(), reply.c_str());
+        return -1;
+    }
+    return 0;
+}
+
+playerState_e CDlnaPlayer::getRenderState_() {
+    std::string reply;
+    if (!dlnaagent::query(dlnaagent::command("getTransportInfo", getRenderID()), dlnaagent::kShortReply, reply))
+        return STATE_UNKNOW;
+    std::string state = dlnaagent::field(reply, "CurrentTransportState");
+    if (strcasecmp(state.c_str(), "PLAYING") == 0) return STATE_PLAY_E;
+    if (strcasecmp(state.c_str(), "STOPPED") == 0) return STATE_STOP_E;
+    if (strcasecmp(state.c_str(), "PAUSED_PLAYBACK") == 0) return STATE_PAUSE_E;
+    return STATE_UNKNOW;
+}
+
+int CDlnaPlayer::isRanderStop_() {
+    std::string reply;
+    if (!dlnaagent::query(dlnaagent::command("getTransportInfo", getRenderID()), dlnaagent::kShortReply, reply))
+        return -1;
+    std::string state = dlnaagent::field(reply, "CurrentTransportState");
+    if (state.empty()) return -2;
+    return strcasecmp(state.c_str(), "STOPPED") == 0 || strcasecmp(state.c_str(), "NO_MEDIA_PRESENT") == 0 ? 1 : 0;
+}
+
+int CDlnaPlayer::setAvTransport_(const char* position, int stopFirst, int audioTrack, int subtitleTrack,
+                                 const char* externalSubtitle) {
+    if (stopFirst && !m_bIsXBMC && isRanderStop_() != 1) {
+        Argv stopArgv = dlnaagent::command("Stop", getRenderID());
+        LOG_AGENT("%s", formatCommandLine(stopArgv).c_str());
+        dlnaagent::fire(stopArgv);
+        int stopped = 0;
+        for (int i = 0; i < kStopFirstTries; ++i) {
+            stopped = isRanderStop_();
+            if (stopped < 0) {
+                LOG_ERR("isRanderStop_() ... fail ");
+                return stopped;
+            }
+            if (stopped) break;
+            dlnaagent::fire(stopArgv);
+            if (!nap_(tick())) return -1;
+        }
+        if (stopped != 1) {
+            LOG_ERR("%s: the renderer does not stop", getDeviceName().c_str());
+            return -1;
+        }
+    }
+
+    playlistElm_s elm;
+    if (getPlaylistElmByIndex(elm, -1) != 0) {
+        LOG_ERR("%s: no current entry", getDeviceName().c_str());
+        return -1;
+    }
+    setCurrentElm_(elm);
+    if (sendAvTransport_(elm, position, audioTrack, subtitleTrack, externalSubtitle) != 0) return -1;
+    setCurrTime(std::string("00:00:00"));
+    if (elm.MediaType == MEDIA_PHOTO_E) setTotalTime(std::string("00:00:00"));
+    return 0;
+}
+
+int CDlnaPlayer::sendAvTransport_(const playlistElm_t& elm, const char* position, int audioTrack, int subtitleTrack,
+                                  const char* externalSubtitle) {
+    Argv argv = dlnaagent::command("setAvTransportUrl", getRenderID());
+    bool built = true;
+    switch (elm.ContentType) {
+        case CONTENT_DBID_E: {
+            if (elm.Content.empty()) {
+                LOG_ERR("content is null");
+                return -1;
+            }
+            std::string objectID;
+            built = dbIDToUpnpObjectID(elm.Content, elm.MediaType, objectID) == 0;
+            if (built) argv.insert(argv.end(), {"--objectID", objectID});
+            break;
+        }
+        case CONTENT_OBJECT_E:
+            built = !elm.Content.empty();
+            if (built) argv.insert(argv.end(), {"--objectID", elm.Content});
+            break;
+        case CONTENT_FILE_E:
+            if (!is_file_exist(elm.Content.c_str())) {
+                LOG_ERR(" %s not exist", elm.Content.c_str());
+                return -1;
+            }
+            argv.insert(argv.end(), {"--filePath", elm.Content});
+            break;
+        default: built = false; break;
+    }
+    if (!built) {
+        LOG_ERR("command build fail");
+        return -1;
+    }
+    if (position) argv.insert(argv.end(), {"--position", position});
+
+    std::string netInterface;
+    std::string ip = getIP();
+    if (!ip.empty() && get_if_by_ip(ip.c_str(), netInterface) != 0) netInterface.clear();
+    dlnaagent::appendTransportOptions(argv, netInterface, audioTrack, subtitleTrack, externalSubtitle);
+    LOG_AGENT(">>>cmd: %s", formatCommandLine(argv).c_str());
+
+    for (int attempt = 1; attempt <= kBusyAttempts; ++attempt) {
+        std::string reply;
+        if (!dlnaagent::query(argv, dlnaagent::kShortReply, reply)) {
+            LOG_ERR(">>> popen(%s) ... fail", formatCommandLine(argv).c_str());
+            return -1;
+        }
+        std::string status = dlnaagent::field(reply, "Status");
+        if (strcasecmp(status.c_str(), "Success") == 0) return 0;
+        if (strcasecmp(status.c_str(), "Busy") != 0) {
+            LOG_ERR("%s: setAvTransportUrl refused: %s", getDeviceName().c_str(), reply.c_str());
+            return -1;
+        }
+        LOG_WARN("%s: renderer busy (attempt %d of %d)", getDeviceName().c_str(), attempt, kBusyAttempts);
+        if (attempt < kBusyAttempts && !nap_(tick())) return -1;
+    }
+    return -1;
+}
+
+int CDlnaPlayer::isNeedTranscode(std::string& externalSubtitle) {
+    m_bNeedTranscode = false;
+    playlistElm_s elm;
+    if (getPlaylistElmByIndex(elm, -1) != 0) return 0;
+
+    Argv argv = dlnaagent::command("getContentUrlByMAC", getRenderID());
+    switch (elm.ContentType) {
+        case CONTENT_FILE_E:
+            if (!is_file_exist(elm.Content.c_str())) {
+                LOG_ERR(" %s not exist", elm.Content.c_str());
+                return 0;
+            }
+            argv.insert(argv.end(), {"--filePath", elm.Content});
+            break;
+        case CONTENT_DBID_E:
+            argv.insert(argv.end(), {"--dbID", elm.Content, "--mediaType", std::to_string(elm.MediaType)});
+            break;
+        case CONTENT_OBJECT_E: argv.insert(argv.end(), {"--objectID", objectIdOf(elm)}); break;
+        default: return 0;
+    }
+    LOG_AGENT("%s", formatCommandLine(argv).c_str());
+    std::string reply;
+    if (!dlnaagent::query(argv, dlnaagent::kLongReply, reply)) return 0;
+    std::string status = dlnaagent::field(reply, "status");
+    std::string url = dlnaagent::field(reply, "url");
+    if (strncasecmp(status.c_str(), "success", 7) != 0 || url.empty()) return 0;
+    if (url.find("Transcode") != std::string::npos) {
+        m_bNeedTranscode = true;
+        return 1;
+    }
+    if (elm.MediaType != MEDIA_VIDEO_E) return 0;
+
+    // A video whose subtitle the renderer must be handed along.
+    std::string path;
+    int start = -1;
+    int duration = -1;
+    int resolved = 0;
+    if (elm.ContentType == CONTENT_DBID_E) resolved = dbIDToFilePath(elm.Content, elm.MediaType, path, start, duration);
+    else if (elm.ContentType == CONTENT_OBJECT_E) resolved = upnpObjectToFilePath(objectIdOf(elm), path);
+    else path = elm.Content;
+    if (resolved != 0) return 1;
+    std::string subtitle;
+    if (is_default_subtitle_found(path, subtitle)) {
+        externalSubtitle = dlnaagent::urlEscape(subtitle);
+        return 1;
+    }
+    return 0;
+}
+
+// ---- worker --------------------------------------------------------------------------------
+
+void CDlnaPlayer::trace_(const char* mark, int stage, int changTrackCnt) {
+    m_flowStage = stage;
+    if (changTrackCnt < 0) {
+        LOG_TRACK("%s(%s)(m_bStuckOnWaitLock:%d)(m_bStop:%d)(m_bExit:%d)(m_bIsPlaying:%d)(m_bChangeToNext:%d)", mark,
+                  playerStateLogName(getPlayerState()), m_bStuckOnWaitLock.load(), m_bStop.load(), m_bExit.load(),
+                  m_bIsPlaying.load(), m_bChangeToNext.load());
+    } else {
+        LOG_TRACK(
+            "%s(%s)(m_bStuckOnWaitLock:%d)(m_bStop:%d)(m_bExit:%d)(m_bIsPlaying:%d)(m_bChangeToNext:%d)"
+            "(changTrackCnt:%d)",
+            mark, playerStateLogName(getPlayerState()), m_bStuckOnWaitLock.load(), m_bStop.load(), m_bExit.load(),
+            m_bIsPlaying.load(), m_bChangeToNext.load(), changTrackCnt);
+    }
+}
+
+void CDlnaPlayer::resetTimes_() {
+    setCurrTime(std::string("00:00:00"));
+    setTotalTime(std::string("00:00:00"));
+    setSeekOffset("00:00:00");
+    resetAudioAndSubtitle();
+}
+
+void CDlnaPlayer::process() {
+    int history = 0;
+    int priorCT = 0;
+    unsigned long failCnt = 0;
+    int changTrackCnt = 0;
+    for (;;) {
+        if (m_bExit) return;
+        trace_(">1.", 1);
+        if (m_bStop) {
+            parkedBranch_();
+            continue;
+        }
+        if (!m_bIsPlaying) {
+            trace_(">1.1.", 1);
+            startTrack_(priorCT, failCnt);
+        }
+        if (!m_bStop && !m_bChangeToNext && m_bIsPlaying) {
+            trace_(">2.", 2);
+            followTrack_(history, priorCT);
+        }
+        bool changed = false;
+        if (!m_bStop && m_bChangeToNext) {
+            trace_(">3.", 3);
+            changeTrack_(failCnt, priorCT);
+            changed = true;
+            changTrackCnt = kGracePasses;
+        }
+        trace_(">4.", 4);
+        if (!m_bStop) nap_(tick(), true);
+        trace_(">X.", 4, changTrackCnt);
+        // Nothing to watch while no track runs (a next() or previous() just came) or while a
+        // seek has the renderer stopped on purpose.
+        if (!m_bStop && !changed && changTrackCnt == 0 && m_bIsPlaying && !m_bSeeking) {
+            trace_(">Y.", 4, changTrackCnt);
+            detectOutsideStop_();
+        }
+        if (changTrackCnt > 0) --changTrackCnt;
+    }
+}
+
+void CDlnaPlayer::parkedBranch_() {
+    m_inParkWork = true;
+    for (;;) {
+        bool pausing = m_bIsPlaying;
+        trace_(">5.", 5);
+        if (pausing) {
+            // A photo has nothing to pause: the renderer keeps showing it.
+            if (currentElm_().MediaType != MEDIA_PHOTO_E) sendPause_();
+            setPlayerState(STATE_PAUSE_E);
+        } else {
+            sendStop_();
+            resetTimes_();
+            setPlayerState(STATE_STOP_E);
+        }
+        std::lock_guard lock(m_waitMutex);
+        // A stop() that came while the renderer was being paused turns the pause into a stop.
+        if (!pausing || m_bIsPlaying || m_bExit) break;
+    }
+    m_inParkWork = false;
+
+    trace_(">6.", 6);
+    trace_(">>> Locked .... ", 6);
+    {
+        std::unique_lock lock(m_waitMutex);
+        m_bStuckOnWaitLock = true;
+        m_parkedCond.notify_all();
+        if (m_bMonitorOn) {
+            // What the callback saw before this park says nothing about the renderer now.
+            m_callbackLastState = STATE_UNKNOW;
+            m_monitor->resume();
+        }
+        m_waitCond.wait(lock, [&] { return m_bExit || !m_bStop || m_wakeForStop; });
+        m_bStuckOnWaitLock = false;
+        m_wakeForStop = false;
+        m_kick = false;
+    }
+    m_monitor->pause();
+    trace_(">7.", 7);
+    trace_(">>> Unlock ... ", 7);
+}
+
+void CDlnaPlayer::startTrack_(int& priorCT, unsigned long& failCnt) {
+    {
+        std::lock_guard lock(m_waitMutex);
+        m_playingRequest = m_trackRequest;
+    }
+    m_delayCount = 0;
+    m_bChangeToNext = false;
+    m_trackSkipCnt = 0;
+    resetTimes_();
+
+    int rc = setAvTransport_(nullptr, 1, 0, -1, nullptr);
+    bool playing = false;
+    if (rc == 0) {
+        std::lock_guard lock(m_waitMutex);
+        // A stop, or a next()/previous() that came while the renderer was being set up, wins.
+        if (!m_bStop && m_playingRequest == m_trackRequest) {
+            m_bIsPlaying = true;
+            playing = true;
+        }
+    }
+    playlistElm_s elm = currentElm_();
+    VLOG_AT(kGrey, ">>> playlistID     :%d", elm.PlaylistID);
+    VLOG_AT(kGrey, ">>> mediaType      :%d", static_cast<int>(elm.MediaType));
+    VLOG_AT(kGrey, ">>> contentType    :%d", static_cast<int>(elm.ContentType));
+    VLOG_AT(kGrey, ">>> content        :%s", elm.Content.c_str());
+    VLOG_AT(kGrey, "==================================================");
+
+    if (playing) {
+        if (isAudioOrVideo(elm.MediaType)) setTotalTime(elm);
+        if (sendPlay_() == 0) setPlayerState(STATE_PLAY_E);
+        priorCT = 0;
+        failCnt = 0;
+    } else if (rc != 0 && !m_bStop) {
+        // Refused: count it and move on.
+        ++failCnt;
+        m_bChangeToNext = true;
+        priorCT = 0;
+    }
+}
+
+void CDlnaPlayer::followTrack_(int& history, int& priorCT) {
+    if (++history >= kHistoryPasses) {
+        history = 0;
+        savePlayHistory();
+    }
+    playlistElm_s elm = currentElm_();
+    if (elm.MediaType == MEDIA_PHOTO_E) followPhoto_();
+    else if (!isAudioOrVideo(elm.MediaType)) VLOG_AT(kRed, "[Unknow Type]:%s", elm.Content.c_str());
+    else followPosition_(priorCT);
+}
+
+void CDlnaPlayer::followPhoto_() {
+    int delay = getSlideShowDelay();
+    VLOG_AT(kCyan, "[%lu][%s][DelayCount: %d]", static_cast<unsigned long>(pthread_self()), getRenderID().c_str(),
+            m_delayCount);
+    setCurrTime(m_delayCount);
+    setTotalTime(sec_to_hhmmss(delay));
+    if (++m_delayCount > delay) {
+        m_bChangeToNext = true;
+        m_delayCount = 0;
+    }
+}
+
+void CDlnaPlayer::followPosition_(int& priorCT) {
+    std::string reply;
+    bool ran = dlnaagent::query(dlnaagent::command("getPositionInfo", getRenderID()), dlnaagent::kShortReply, reply);
+    std::string relTime = dlnaagent::field(reply, "RelTime");
+    if (!relTime.empty()) {
+        relTime = relTime.substr(0, relTime.find('.'));
+        setCurrTime(relTime);
+        int ct = getCurrTimeSecond();
+        int total = getTotalTimeSecond();
+        LOG_TRACK("ct = %d, priorCT = %d", ct, priorCT);
+        if (ct != priorCT && ct >= 1) {
+            m_trackSkipCnt = 0;
+            priorCT = ct;
+        } else {
+            ++m_trackSkipCnt;
+        }
+        LOG_TRACK(">>[RealTime]      :%d    %s", ct, relTime.c_str());
+        LOG_TRACK(">>[TrackDuration] :%d    %s", total, getTotalTime().c_str());
+        LOG_TRACK(">>[m_trackSkipCnt]:%d", m_trackSkipCnt.load());
+        LOG_TRACK("==================================================");
+        if (m_bSeeking) return;  // the position jumps while a seek lands
+        if (m_trackSkipCnt >= kStalledPolls) {
+            LOG_WARN("1 [Change Track] with m_trackSkipCnt");
+            m_bChangeToNext = true;
+            m_trackSkipCnt = 0;
+        } else if (total > 0 && ct >= total - 1) {
+            // Without a known length the track ends by the rules above, not on its first poll.
+            LOG_WARN("2 [Change Track] current:%d, total:%d", ct, total);
+            m_bChangeToNext = true;
+        }
+        return;
+    }
+    // No position: a reply that says "fail", or none at all, counts towards giving the track up.
+    std::string status = dlnaagent::field(reply, "Status");
+    if (!ran || strcasecmp(status.c_str(), "fail") == 0) {
+        if (++m_trackSkipCnt >= kFailPolls) m_bChangeToNext = true;
+    }
+}
+
+void CDlnaPlayer::changeTrack_(unsigned long& failCnt, int& priorCT) {
+    m_bChangeToNext = false;
+    bool superseded;
+    {
+        std::lock_guard lock(m_waitMutex);
+        m_bIsPlaying = false;
+        superseded = m_playingRequest != m_trackRequest;
+    }
+    LOG_TRACE("Next");
+    // After a next()/previous() the index already names the track to play.
+    if (!superseded) {
+        bool more = changeToNextTrack();
+        if (!more || failCnt >= getPlaylistSize()) {
+            LOG_WARN("[Play] ---> [STOP] setAvTransportFailCnt:%lu", failCnt);
+            std::lock_guard lock(m_waitMutex);
+            m_bStop = true;
+            failCnt = 0;
+        }
+    }
+    priorCT = 0;
+}
+
+void CDlnaPlayer::detectOutsideStop_() {
+    playerState_e state = getRenderState_();
+    if (state == STATE_PLAY_E) {
+        setPlayerState(STATE_PLAY_E);
+        return;
+    }
+    int total = getTotalTimeSecond();
+    int current = getCurrTimeSecond();
+    // Near the end a renderer stops by itself; the position rules end the track then.
+    if (total - current <= kOutsideStopMargin || current == 0) return;
+    if (state == STATE_STOP_E) {
+        LOG_WARN("%s: stopped on the renderer at %d of %d s", getDeviceName().c_str(), current, total);
+        {
+            std::lock_guard lock(m_waitMutex);
+            m_bStop = true;
+            m_bIsPlaying = false;
+        }
+        if (savePlayHistory() != 0) LOG_ERR("savePlayHistory failed");
+    } else if (state == STATE_PAUSE_E) {
+        LOG_WARN("%s: paused on the renderer at %d of %d s", getDeviceName().c_str(), current, total);
+        std::lock_guard lock(m_waitMutex);
+        m_bStop = true;  // the next pass parks as a pause
+    }
+}

@@ -1,0 +1,82 @@
+// Player commands called as the dispatcher calls them, on a manager whose players are test
+// back-ends, over the simulated appliance (for the media agent) and a real playlist store.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "client/VelmoraClient.h"
+#include "command/CommandTable.h"
+#include "command/StatusCache.h"
+#include "unit/support/Players.h"
+#include "unit/support/SimRoot.h"
+
+using FakePlayer = testsupport::FakePlayer;
+using TestManager = testsupport::FakeManager;
+
+namespace testsupport {
+
+// Runs a command through the table as the dispatcher does; the answer lands in `answer`.
+inline int runCommand(CPlayerManager& manager, const std::string& command, const vclient::Params& params,
+                      XMLNode& answer) {
+    XMLNode request = XMLNode::parseString(vclient::buildRequest(command, params), "root");
+    answer = XMLNode();
+    commandHandler_t handler = findCommand(command.c_str());
+    EXPECT_NE(handler, nullptr) << command;
+    return handler ? handler(manager, request, answer) : -7;
+}
+
+}  // namespace testsupport
+
+class CommandTest : public testsupport::SimRootTest {
+protected:
+    void SetUp() override {
+        SimRootTest::SetUp();
+        s_root = m_root;
+        StatusCache::instance().clear();
+        s_now = 1'000'000;
+        StatusCache::instance().setClock([] { return s_now; });
+        CPlayerManager::setSettleDelays(std::chrono::milliseconds(0), std::chrono::milliseconds(0));
+        CPlayer::setAirplaySettleDelay(std::chrono::milliseconds(0));
+        manager = std::make_unique<TestManager>();
+    }
+    void TearDown() override {
+        manager.reset();
+        StatusCache::instance().setClock(nullptr);
+        SimRootTest::TearDown();
+    }
+
+    int run(const std::string& command, const vclient::Params& params = {}) {
+        return testsupport::runCommand(*manager, command, params, answer);
+    }
+    const char* field(const char* name) { return answer.getChildNode(name).getText(); }
+    // Lists the render and gives it a player on the playlist, as a client would.
+    FakePlayer* playerOn(const std::string& id, const std::string& playlist = "none",
+                         uint32_t type = playertype::kDlna | playertype::kCapVideo | playertype::kCapAudio) {
+        manager->list(id, type);
+        EXPECT_EQ(run("SetPlaylist", {{"dev", id}, {"playlist", playlist}, {"appType", "music"}}), 0);
+        return manager->player(id);
+    }
+
+    // Media-agent runs of command (with argument, when given) since the test began.
+    static int agentCalls(const std::string& command, const std::string& argument = "") {
+        testsupport::CallLog log(s_root);
+        return argument.empty() ? log.count("tessaly", {command}) : log.count("tessaly", {command, argument});
+    }
+
+    // A playlist of appType "music" with the given (media type, content type, content) entries.
+    static void makePlaylist(const char* title,
+                             const std::vector<std::tuple<mediaType_e, contentType_e, std::string>>& entries) {
+        ASSERT_EQ(playlistStore().addPlaylist(title, MEDIA_MIXED_E, "music", "alice", ""), 0);
+        for (const auto& [media, content, text] : entries)
+            ASSERT_EQ(playlistStore().addElmInPlaylist(title, media, content, "music", text.c_str(), -1), 0);
+    }
+
+    static inline std::string s_root;
+    static inline time_t s_now = 0;
+    std::unique_ptr<TestManager> manager;
+    XMLNode answer;
+};

@@ -1,0 +1,43 @@
+// Reading a request that may arrive in pieces, and the length block.
+#include <gtest/gtest.h>
+
+#include "ipc/Framing.h"
+#include "ipc/RequestIO.h"
+
+using requestio::DocState;
+using requestio::scanDocument;
+
+TEST(DocumentScanTest, CompleteDocumentsEndTheRead) {
+    for (const char* text : {"<root/>", "<root><command>echo</command></root>", "  \n<root a='>'>x</root>",
+                             "<?xml version=\"1.0\"?><!-- <x> --><root><![CDATA[</root>]]></root>",
+                             "<!DOCTYPE root><root><a/><b></b></root>"}) {
+        EXPECT_EQ(scanDocument(text), DocState::Complete) << text;
+    }
+}
+
+TEST(DocumentScanTest, PrefixesWaitForMore) {
+    std::string doc = "<?xml version=\"1.0\"?><root a=\"1>2\"><!-- c --><command>echo</command><![CDATA[x]]></root>";
+    for (size_t len = 0; len < doc.size(); ++len)
+        EXPECT_EQ(scanDocument(doc.substr(0, len)), DocState::NeedMore) << doc.substr(0, len);
+    EXPECT_EQ(scanDocument(doc), DocState::Complete);
+}
+
+TEST(DocumentScanTest, TextThatCanNeverBeADocumentIsAnsweredAtOnce) {
+    EXPECT_EQ(scanDocument("garbage"), DocState::Complete);
+    EXPECT_EQ(scanDocument("</root>"), DocState::Complete);
+    EXPECT_EQ(scanDocument("<root><command>echo</root>"), DocState::Complete);  // mismatched end tag
+    EXPECT_EQ(scanDocument("<root><a><b></b>"), DocState::NeedMore);
+}
+
+TEST(FramingTest, HeaderIsDigitsThenNulBytes) {
+    char block[framing::kHeaderSize];
+    framing::formatHeader(block, 1234);
+    EXPECT_EQ(std::string(block, 4), "1234");
+    for (size_t i = 4; i < sizeof block; ++i) ASSERT_EQ(block[i], '\0') << i;
+    EXPECT_EQ(framing::parseHeader(block, sizeof block), 1234);
+
+    block[10] = 'x';
+    EXPECT_EQ(framing::parseHeader(block, sizeof block), -1);
+    char empty[framing::kHeaderSize] = {};
+    EXPECT_EQ(framing::parseHeader(empty, sizeof empty), -1);
+}
