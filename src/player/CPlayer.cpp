@@ -41,11 +41,10 @@ int clampToInt(long long value) { return static_cast<int>(std::clamp<long long>(
 
 CPlayer::CPlayer(uint32_t playerType, const char* renderID, const char* deviceName, const char* playlistTitle,
                  const char* appType)
-    : CThread(THREAD_JOINABLE_E),
-      m_type(playerType),
+    : m_type(playerType),
       m_renderID(renderID ? renderID : ""),
       m_deviceName(deviceName ? deviceName : "") {
-    mutexInit(m_lock, MUTEX_NORMAL_E);
+    CThread::mutexInit(m_lock, MUTEX_NORMAL_E);
     if (playlistTitle && appType) {
         m_playlistTitle = playlistTitle;
         m_appType = appType;
@@ -58,11 +57,10 @@ CPlayer::CPlayer(uint32_t playerType, const char* renderID, const char* deviceNa
 }
 
 CPlayer::CPlayer(uint32_t playerType, std::string renderID, std::string deviceName)
-    : CThread(THREAD_JOINABLE_E),
-      m_type(playerType),
+    : m_type(playerType),
       m_renderID(std::move(renderID)),
       m_deviceName(std::move(deviceName)) {
-    mutexInit(m_lock, MUTEX_NORMAL_E);
+    CThread::mutexInit(m_lock, MUTEX_NORMAL_E);
 }
 
 CPlayer::~CPlayer() {
@@ -676,6 +674,16 @@ void CPlayer::getExternalSubtitle(std::string& out) const {
 void CPlayer::resetExternalSubtitle() {
     std::lock_guard lock(m_liveMutex);
     m_externalSubtitle.clear();
+}
+
+void CPlayer::resetTimes() {
+    std::lock_guard lock(m_liveMutex);
+    m_currTime = "00:00:00";
+    m_totalTime = "00:00:00";
+    m_seekOffset = "00:00:00";
+    m_externalSubtitle.clear();
+    m_audioTrack = 0;
+    m_subtitleTrack = -1;
 }
 
 void CPlayer::resetAudioAndSubtitle() {

@@ -1,8 +1,8 @@
 // CPlayer: the base of every player, one per output device. It owns what all devices share: the
 // identity, the loaded playlist and the play queue built from it, the play mode with its shuffle
 // order, the current track, the time texts, the audio/subtitle choice and the player's lock. The
-// back-ends (one per kind of device) override the transport operations and run process() as the
-// player's thread.
+// back-ends (one per kind of device) override the transport operations and drive the device
+// from a worker thread of their own.
 //
 // Locking: the manager holds the player's lock (getLock()) around every call it makes. A
 // back-end's thread must not take that lock (the manager holds it while stop() and pause() wait
@@ -27,14 +27,16 @@
 
 class XMLNode;
 
-class CPlayer : public CThread {
+class CPlayer {
 public:
     // Loads the playlist named by playlistTitle and appType when both are given.
     CPlayer(uint32_t playerType, const char* renderID, const char* deviceName, const char* playlistTitle,
             const char* appType);
     // A player without a playlist.
     CPlayer(uint32_t playerType, std::string renderID, std::string deviceName);
-    ~CPlayer() override;
+    virtual ~CPlayer();
+    CPlayer(const CPlayer&) = delete;
+    CPlayer& operator=(const CPlayer&) = delete;
 
     // Transport, implemented by each back-end. Results: 0 or a negative code.
     virtual int play() = 0;
@@ -219,10 +221,13 @@ public:
     // setPlaylist lets an AirPlay device settle this long after restarting it (1 s); tests set 0.
     static void setAirplaySettleDelay(std::chrono::milliseconds delay);
 
-protected:
-    void process() override {}
-
+    // Written by the back-end's worker as the device goes.
     void setPlayerState(playerState_e state) { m_playerState.store(state); }
+    // Zeroes the time texts and the start offset and forgets the track's audio and subtitle
+    // choice: what a stopped player shows.
+    void resetTimes();
+
+protected:
     void setSubtitleStyle(const std::string& ssize, const std::string& scolor, const std::string& sseek,
                           const std::string& sencoding);
     std::string getConvertedSubtitlePath() const;

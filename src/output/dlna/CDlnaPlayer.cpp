@@ -23,11 +23,11 @@ using dlnaagent::Argv;
 
 namespace {
 
-constexpr auto kParkWait = 10s;
 // Counts, whatever the tick.
 constexpr int kStalledPolls = 20;    // polls without progress before the track is given up
 constexpr int kFailPolls = 10;       // "fail" position replies before the track is given up
 constexpr int kGracePasses = 5;      // passes after a track change without outside-stop checks
+                                     // (the pass of the change is the first)
 constexpr int kHistoryPasses = 7;    // passes between play-history records
 constexpr int kOutsideStopMargin = 15;  // seconds before the end a renderer stop counts as a stop
 constexpr int kPlayChecks = 9;
@@ -76,7 +76,7 @@ std::chrono::milliseconds CDlnaPlayer::tick() { return std::chrono::milliseconds
 
 CDlnaPlayer::CDlnaPlayer(uint32_t type, const std::string& renderID, const std::string& deviceName,
                          const std::string& playlistTitle, const std::string& appType)
-    : CPlayer(type, renderID.c_str(), deviceName.c_str(), playlistTitle.c_str(), appType.c_str()) {
+    : CDevicePlayer(type, renderID, deviceName, playlistTitle, appType) {
     m_currElm.MediaType = MEDIA_UNKNOW_E;
     m_currElm.ContentType = CONTENT_UNKNOW_E;
     m_bIsArm = machineIsArm();
@@ -86,22 +86,7 @@ CDlnaPlayer::CDlnaPlayer(uint32_t type, const std::string& renderID, const std::
     LOG_AGENT("%s", formatCommandLine(isXbmc).c_str());
     if (dlnaagent::query(isXbmc, 256, reply)) m_bIsXBMC = reply.find("xbmc") != std::string::npos;
 
-    int tickMs = g_tickMs.load();
-    m_monitorPeriodSec = tickMs >= 1000 ? tickMs / 1000 : 0;
-    m_monitor = std::make_unique<myMonitor::CMyMonitor<CDlnaPlayer>>(this, m_monitorPeriodSec);
-    m_monitor->pause();  // it watches only while the worker is parked
-    if (m_monitor->start(("dlnamon:" + deviceName).c_str()) != 0)
-        LOG_ERR("monitor of %s not started", deviceName.c_str());
-
-    if (start(("dlna:" + deviceName).c_str()) != 0) {
-        // No worker: callers must not wait for one to park.
-        std::lock_guard lock(m_waitMutex);
-        m_bStuckOnWaitLock = true;
-        return;
-    }
-    // The worker's first pass stops the renderer and parks; the player is handed over parked.
-    std::unique_lock lock(m_waitMutex);
-    waitParked_(lock, "CDlnaPlayer()");
+    startWorker("dlna");
 }
 
 std::unique_ptr<CPlayer> CDlnaPlayer::create(const std::string& renderID, const renderCacheInfo_s& render,
@@ -111,123 +96,13 @@ std::unique_ptr<CPlayer> CDlnaPlayer::create(const std::string& renderID, const 
 
 CDlnaPlayer::~CDlnaPlayer() {
     LOG_NOTE("~CDlnaPlayer %s ...", getDeviceName().c_str());
-    // The monitor first: its callback may call play() on this object.
-    m_bMonitorOn = false;
-    {
-        std::lock_guard lock(m_paceMutex);
-        m_bPaceExit = true;
-    }
-    m_paceCond.notify_all();
-    m_monitor->shutdown();
-
-    {
-        std::unique_lock lock(m_waitMutex);
-        m_bIsPlaying = false;
-        m_bStop = true;
-        m_waitCond.notify_all();
-        waitParked_(lock, "~CDlnaPlayer()");
-        m_bExit = true;
-    }
-    m_waitCond.notify_all();
-    join();
-    m_monitor.reset();
+    endWorker(true);
 }
 
 // ---- caller side ---------------------------------------------------------------------------
 
-bool CDlnaPlayer::waitParked_(std::unique_lock<std::mutex>& lock, const char* who) {
-    bool parked = m_parkedCond.wait_for(lock, kParkWait, [&] { return m_bStuckOnWaitLock && !m_wakeForStop; });
-    if (!parked) LOG_ERR("%s: %s: worker did not park within 10 s", who, getDeviceName().c_str());
-    return parked;
-}
-
-void CDlnaPlayer::wakeWorker_() { m_waitCond.notify_all(); }
-
-int CDlnaPlayer::play() {
-    if (getPlaylistSize() == 0) return -1;
-    playerState_e state = getPlayerState();
-    if (state == STATE_PLAY_E) {
-        LOG_WARN("play() state:%s", playerStateLogName(state));
-        return 0;
-    }
-    uint64_t parkRequest;
-    {
-        std::lock_guard lock(m_waitMutex);
-        parkRequest = m_parkRequest;
-    }
-    if (state == STATE_PAUSE_E && m_bIsPlaying) {
-        // Resume where the renderer paused rather than starting the track again.
-        if (sendPlay_() != 0) return -1;
-    }
-    {
-        std::lock_guard lock(m_waitMutex);
-        // The monitor calls this without the player's lock: a stop() or pause() the manager
-        // made meanwhile wins over a resume seen on the renderer before it.
-        if (m_parkRequest != parkRequest) return 0;
-        if (state == STATE_PAUSE_E && m_bIsPlaying) setPlayerState(STATE_PLAY_E);
-        m_bStop = false;
-    }
-    wakeWorker_();
-    return 0;
-}
-
-int CDlnaPlayer::pause() {
-    std::unique_lock lock(m_waitMutex);
-    ++m_parkRequest;
-    m_bStop = true;
-    playerState_e state = getPlayerState();
-    if ((state == STATE_PAUSE_E || state == STATE_STOP_E) && m_bStuckOnWaitLock) return 0;
-    LOG_WARN("[PLAY:pause()] ---> [PAUSE]");
-    m_waitCond.notify_all();
-    waitParked_(lock, "pause()");
-    return 0;
-}
-
-int CDlnaPlayer::stop(bool force) {
-    savePlayHistory();
-    std::unique_lock lock(m_waitMutex);
-    ++m_parkRequest;
-    m_bIsPlaying = false;
-    m_bStop = true;
-    playerState_e state = getPlayerState();
-    if (state == STATE_STOP_E && m_bStuckOnWaitLock) return 0;
-    LOG_WARN("[PLAY:stop(%s)] ---> [STOP]", force ? "True" : "False");
-    // A paused player is parked on a paused renderer: wake it so that it stops the renderer.
-    if (m_bStuckOnWaitLock && state == STATE_PAUSE_E) m_wakeForStop = true;
-    m_waitCond.notify_all();
-    waitParked_(lock, "stop()");
-    return 0;
-}
-
-int CDlnaPlayer::step_(int delta, const char* who) {
-    if (getPlayerState() == STATE_STOP_E) return 0;
-    if (getPlaylistSize() == 0) return -1;
-    // The monitor must not resume the old track while the index moves.
-    m_bMonitorOn = false;
-    m_monitor->pause();
-    if (!stepCurrTrackIndex_(delta)) {
-        m_bMonitorOn = true;
-        return -1;
-    }
-    LOG_TRACE("%s: %s -> entry %lu", who, getDeviceName().c_str(), static_cast<unsigned long>(getCurrTrackIndex()));
-    {
-        std::lock_guard lock(m_waitMutex);
-        ++m_trackRequest;
-        m_bIsPlaying = false;
-        m_bStop = false;
-        m_kick = true;
-    }
-    wakeWorker_();
-    m_bMonitorOn = true;
-    return 0;
-}
-
-int CDlnaPlayer::next() { return step_(+1, "next()"); }
-
-int CDlnaPlayer::previous() { return step_(-1, "previous()"); }
-
 int CDlnaPlayer::seek(const char* position) {
-    if (!position || m_bStop) return 0;
+    if (!position || worker().flags().stop) return 0;
     // A renderer that has not started yet cannot be moved.
     int tries = 0;
     for (; tries < kSeekPositionTries; ++tries) {
@@ -249,10 +124,6 @@ int CDlnaPlayer::seek(const char* position) {
         sendPlay_();
         // A transcoded stream restarts its clock at the position: remember where it began.
         if (needTranscode) setSeekOffset(position);
-        {
-            std::lock_guard lock(m_waitMutex);
-            m_bIsPlaying = true;
-        }
         result = play();
     } else {
         result = -1;
@@ -288,44 +159,26 @@ int CDlnaPlayer::getVolume() {
     return std::atoi(text.c_str());
 }
 
-// ---- monitor -------------------------------------------------------------------------------
+// ---- watch of a parked renderer -------------------------------------------------------------
 
-void CDlnaPlayer::monitor(bool on) {
-    m_bMonitorOn = on;
-    if (!on) m_monitor->pause();
-}
+void CDlnaPlayer::monitor(bool on) { m_bMonitorOn = on; }
 
-void CDlnaPlayer::callback() {
-    // A call already under way when the worker left its park has nothing to watch.
-    if (m_bStuckOnWaitLock) {
-        playerState_e state = getRenderState_();
-        playerState_e last = m_callbackLastState.exchange(state);
-        if (state == STATE_PLAY_E && last == STATE_PAUSE_E && m_bStuckOnWaitLock) {
-            LOG_TRACE("%s: resumed on the renderer", getDeviceName().c_str());
-            play();
-        } else if (state == STATE_STOP_E) {
-            m_monitor->pause();
-        }
+bool CDlnaPlayer::whileParked(bool firstPass) {
+    if (firstPass) {
+        // What was seen before this park says nothing about the renderer now.
+        m_watching = m_bMonitorOn;
+        m_callbackLastState = STATE_UNKNOW;
     }
-    if (m_monitorPeriodSec == 0) {
-        std::unique_lock lock(m_paceMutex);
-        m_paceCond.wait_for(lock, tick(), [&] { return m_bPaceExit; });
+    if (!m_watching || !m_bMonitorOn) return false;
+    playerState_e state = getRenderState_();
+    playerState_e last = m_callbackLastState;
+    m_callbackLastState = state;
+    if (state == STATE_PLAY_E && last == STATE_PAUSE_E) {
+        LOG_TRACE("%s: resumed on the renderer", getDeviceName().c_str());
+        return true;
     }
-}
-
-void CDlnaPlayer::debugDump(std::string& out) {
-    char text[512];
-    std::snprintf(text, sizeof text,
-                  "\nFlowStage          :%d\n"
-                  "m_bStop            :%d\n"
-                  "m_bExit            :%d\n"
-                  "m_bStuckOnWaitLock :%d\n"
-                  "m_bIsPlaying       :%d\n"
-                  "m_bChangeToNext    :%d\n",
-                  m_flowStage.load(), m_bStop.load(), m_bExit.load(), m_bStuckOnWaitLock.load(), m_bIsPlaying.load(),
-                  m_bChangeToNext.load());
-    out += text;
-    LOG_TRACE("------------------------------------------------%s", text);
+    if (state == STATE_STOP_E) m_watching = false;  // nothing to resume until the next park
+    return false;
 }
 
 // ---- renderer actions ----------------------------------------------------------------------
@@ -338,18 +191,6 @@ playlistElm_s CDlnaPlayer::currentElm_() const {
 void CDlnaPlayer::setCurrentElm_(const playlistElm_s& elm) {
     std::lock_guard lock(m_elmMutex);
     m_currElm = elm;
-}
-
-bool CDlnaPlayer::nap_(std::chrono::milliseconds d, bool kick) {
-    // Only the worker, away from its park work, gives up a wait for a stop: its caller then
-    // abandons what it was doing. Command threads and the park work wait it out.
-    bool cuttable = isInside() && !m_inParkWork;
-    std::unique_lock lock(m_waitMutex);
-    bool cut = m_waitCond.wait_for(lock, d, [&] {
-        return m_bExit || (cuttable && (m_bStop || (kick && m_kick)));
-    });
-    if (kick) m_kick = false;
-    return !cut;
 }
 
 int CDlnaPlayer::sendPlay_() {
@@ -553,175 +394,67 @@ int CDlnaPlayer::isNeedTranscode(std::string& externalSubtitle) {
     return 0;
 }
 
-// ---- worker --------------------------------------------------------------------------------
+// ---- worker steps --------------------------------------------------------------------------
 
-void CDlnaPlayer::trace_(const char* mark, int stage, int changTrackCnt) {
-    m_flowStage = stage;
-    if (changTrackCnt < 0) {
-        LOG_TRACK("%s(%s)(m_bStuckOnWaitLock:%d)(m_bStop:%d)(m_bExit:%d)(m_bIsPlaying:%d)(m_bChangeToNext:%d)", mark,
-                  playerStateLogName(getPlayerState()), m_bStuckOnWaitLock.load(), m_bStop.load(), m_bExit.load(),
-                  m_bIsPlaying.load(), m_bChangeToNext.load());
-    } else {
-        LOG_TRACK(
-            "%s(%s)(m_bStuckOnWaitLock:%d)(m_bStop:%d)(m_bExit:%d)(m_bIsPlaying:%d)(m_bChangeToNext:%d)"
-            "(changTrackCnt:%d)",
-            mark, playerStateLogName(getPlayerState()), m_bStuckOnWaitLock.load(), m_bStop.load(), m_bExit.load(),
-            m_bIsPlaying.load(), m_bChangeToNext.load(), changTrackCnt);
-    }
-}
-
-void CDlnaPlayer::resetTimes_() {
-    setCurrTime(std::string("00:00:00"));
-    setTotalTime(std::string("00:00:00"));
-    setSeekOffset("00:00:00");
-    resetAudioAndSubtitle();
-}
-
-void CDlnaPlayer::process() {
-    int history = 0;
-    int priorCT = 0;
-    unsigned long failCnt = 0;
-    int changTrackCnt = 0;
-    for (;;) {
-        if (m_bExit) return;
-        trace_(">1.", 1);
-        if (m_bStop) {
-            parkedBranch_();
-            continue;
-        }
-        if (!m_bIsPlaying) {
-            trace_(">1.1.", 1);
-            startTrack_(priorCT, failCnt);
-        }
-        if (!m_bStop && !m_bChangeToNext && m_bIsPlaying) {
-            trace_(">2.", 2);
-            followTrack_(history, priorCT);
-        }
-        bool changed = false;
-        if (!m_bStop && m_bChangeToNext) {
-            trace_(">3.", 3);
-            changeTrack_(failCnt, priorCT);
-            changed = true;
-            changTrackCnt = kGracePasses;
-        }
-        trace_(">4.", 4);
-        if (!m_bStop) nap_(tick(), true);
-        trace_(">X.", 4, changTrackCnt);
-        // Nothing to watch while no track runs (a next() or previous() just came) or while a
-        // seek has the renderer stopped on purpose.
-        if (!m_bStop && !changed && changTrackCnt == 0 && m_bIsPlaying && !m_bSeeking) {
-            trace_(">Y.", 4, changTrackCnt);
-            detectOutsideStop_();
-        }
-        if (changTrackCnt > 0) --changTrackCnt;
-    }
-}
-
-void CDlnaPlayer::parkedBranch_() {
-    m_inParkWork = true;
-    for (;;) {
-        bool pausing = m_bIsPlaying;
-        trace_(">5.", 5);
-        if (pausing) {
-            // A photo has nothing to pause: the renderer keeps showing it.
-            if (currentElm_().MediaType != MEDIA_PHOTO_E) sendPause_();
-            setPlayerState(STATE_PAUSE_E);
-        } else {
-            sendStop_();
-            resetTimes_();
-            setPlayerState(STATE_STOP_E);
-        }
-        std::lock_guard lock(m_waitMutex);
-        // A stop() that came while the renderer was being paused turns the pause into a stop.
-        if (!pausing || m_bIsPlaying || m_bExit) break;
-    }
-    m_inParkWork = false;
-
-    trace_(">6.", 6);
-    trace_(">>> Locked .... ", 6);
-    {
-        std::unique_lock lock(m_waitMutex);
-        m_bStuckOnWaitLock = true;
-        m_parkedCond.notify_all();
-        if (m_bMonitorOn) {
-            // What the callback saw before this park says nothing about the renderer now.
-            m_callbackLastState = STATE_UNKNOW;
-            m_monitor->resume();
-        }
-        m_waitCond.wait(lock, [&] { return m_bExit || !m_bStop || m_wakeForStop; });
-        m_bStuckOnWaitLock = false;
-        m_wakeForStop = false;
-        m_kick = false;
-    }
-    m_monitor->pause();
-    trace_(">7.", 7);
-    trace_(">>> Unlock ... ", 7);
-}
-
-void CDlnaPlayer::startTrack_(int& priorCT, unsigned long& failCnt) {
-    {
-        std::lock_guard lock(m_waitMutex);
-        m_playingRequest = m_trackRequest;
-    }
+DeviceSteps::Start CDlnaPlayer::startTrack(bool afterAdvance) {
     m_delayCount = 0;
-    m_bChangeToNext = false;
     m_trackSkipCnt = 0;
-    resetTimes_();
+    m_priorCT = 0;
+    m_grace = afterAdvance ? kGracePasses - 1 : 0;
+    m_followed = false;
+    resetTimes();
 
     int rc = setAvTransport_(nullptr, 1, 0, -1, nullptr);
-    bool playing = false;
-    if (rc == 0) {
-        std::lock_guard lock(m_waitMutex);
-        // A stop, or a next()/previous() that came while the renderer was being set up, wins.
-        if (!m_bStop && m_playingRequest == m_trackRequest) {
-            m_bIsPlaying = true;
-            playing = true;
-        }
-    }
     playlistElm_s elm = currentElm_();
     VLOG_AT(kGrey, ">>> playlistID     :%d", elm.PlaylistID);
     VLOG_AT(kGrey, ">>> mediaType      :%d", static_cast<int>(elm.MediaType));
     VLOG_AT(kGrey, ">>> contentType    :%d", static_cast<int>(elm.ContentType));
     VLOG_AT(kGrey, ">>> content        :%s", elm.Content.c_str());
     VLOG_AT(kGrey, "==================================================");
+    if (rc != 0) return Start::Refused;
 
-    if (playing) {
-        if (isAudioOrVideo(elm.MediaType)) setTotalTime(elm);
-        if (sendPlay_() == 0) setPlayerState(STATE_PLAY_E);
-        priorCT = 0;
-        failCnt = 0;
-    } else if (rc != 0 && !m_bStop) {
-        // Refused: count it and move on.
-        ++failCnt;
-        m_bChangeToNext = true;
-        priorCT = 0;
-    }
+    if (isAudioOrVideo(elm.MediaType)) setTotalTime(elm);
+    if (sendPlay_() == 0) setPlayerState(STATE_PLAY_E);
+    return Start::Started;
 }
 
-void CDlnaPlayer::followTrack_(int& history, int& priorCT) {
-    if (++history >= kHistoryPasses) {
-        history = 0;
+DeviceSteps::Follow CDlnaPlayer::followTrack() {
+    // From the second pass of a track on (and not for a while after a track change, nor while
+    // a seek has the renderer stopped on purpose): was it stopped or paused on the renderer?
+    if (m_grace > 0) {
+        --m_grace;
+    } else if (m_followed && !m_bSeeking) {
+        Follow outside = detectOutsideStop_();
+        if (outside != Follow::Playing) return outside;
+    }
+    m_followed = true;
+    if (++m_history >= kHistoryPasses) {
+        m_history = 0;
         savePlayHistory();
     }
     playlistElm_s elm = currentElm_();
-    if (elm.MediaType == MEDIA_PHOTO_E) followPhoto_();
-    else if (!isAudioOrVideo(elm.MediaType)) VLOG_AT(kRed, "[Unknow Type]:%s", elm.Content.c_str());
-    else followPosition_(priorCT);
+    if (elm.MediaType == MEDIA_PHOTO_E) return followPhoto_();
+    if (!isAudioOrVideo(elm.MediaType)) {
+        VLOG_AT(kRed, "[Unknow Type]:%s", elm.Content.c_str());
+        return Follow::Playing;
+    }
+    return followPosition_();
 }
 
-void CDlnaPlayer::followPhoto_() {
+DeviceSteps::Follow CDlnaPlayer::followPhoto_() {
     int delay = getSlideShowDelay();
     VLOG_AT(kCyan, "[%lu][%s][DelayCount: %d]", static_cast<unsigned long>(pthread_self()), getRenderID().c_str(),
             m_delayCount);
     setCurrTime(m_delayCount);
     setTotalTime(sec_to_hhmmss(delay));
     if (++m_delayCount > delay) {
-        m_bChangeToNext = true;
         m_delayCount = 0;
+        return Follow::Over;
     }
+    return Follow::Playing;
 }
 
-void CDlnaPlayer::followPosition_(int& priorCT) {
+DeviceSteps::Follow CDlnaPlayer::followPosition_() {
     std::string reply;
     bool ran = dlnaagent::query(dlnaagent::command("getPositionInfo", getRenderID()), dlnaagent::kShortReply, reply);
     std::string relTime = dlnaagent::field(reply, "RelTime");
@@ -730,10 +463,10 @@ void CDlnaPlayer::followPosition_(int& priorCT) {
         setCurrTime(relTime);
         int ct = getCurrTimeSecond();
         int total = getTotalTimeSecond();
-        LOG_TRACK("ct = %d, priorCT = %d", ct, priorCT);
-        if (ct != priorCT && ct >= 1) {
+        LOG_TRACK("ct = %d, priorCT = %d", ct, m_priorCT);
+        if (ct != m_priorCT && ct >= 1) {
             m_trackSkipCnt = 0;
-            priorCT = ct;
+            m_priorCT = ct;
         } else {
             ++m_trackSkipCnt;
         }
@@ -741,68 +474,56 @@ void CDlnaPlayer::followPosition_(int& priorCT) {
         LOG_TRACK(">>[TrackDuration] :%d    %s", total, getTotalTime().c_str());
         LOG_TRACK(">>[m_trackSkipCnt]:%d", m_trackSkipCnt.load());
         LOG_TRACK("==================================================");
-        if (m_bSeeking) return;  // the position jumps while a seek lands
+        if (m_bSeeking) return Follow::Playing;  // the position jumps while a seek lands
         if (m_trackSkipCnt >= kStalledPolls) {
             LOG_WARN("1 [Change Track] with m_trackSkipCnt");
-            m_bChangeToNext = true;
             m_trackSkipCnt = 0;
-        } else if (total > 0 && ct >= total - 1) {
-            // Without a known length the track ends by the rules above, not on its first poll.
-            LOG_WARN("2 [Change Track] current:%d, total:%d", ct, total);
-            m_bChangeToNext = true;
+            return Follow::Over;
         }
-        return;
+        if (total > 0 && ct >= total - 1) {
+            // Without a known length the track ends by the rule above, not on its first poll.
+            LOG_WARN("2 [Change Track] current:%d, total:%d", ct, total);
+            return Follow::Over;
+        }
+        return Follow::Playing;
     }
     // No position: a reply that says "fail", or none at all, counts towards giving the track up.
     std::string status = dlnaagent::field(reply, "Status");
     if (!ran || strcasecmp(status.c_str(), "fail") == 0) {
-        if (++m_trackSkipCnt >= kFailPolls) m_bChangeToNext = true;
+        if (++m_trackSkipCnt >= kFailPolls) return Follow::Over;
     }
+    return Follow::Playing;
 }
 
-void CDlnaPlayer::changeTrack_(unsigned long& failCnt, int& priorCT) {
-    m_bChangeToNext = false;
-    bool superseded;
-    {
-        std::lock_guard lock(m_waitMutex);
-        m_bIsPlaying = false;
-        superseded = m_playingRequest != m_trackRequest;
-    }
-    LOG_TRACE("Next");
-    // After a next()/previous() the index already names the track to play.
-    if (!superseded) {
-        bool more = changeToNextTrack();
-        if (!more || failCnt >= getPlaylistSize()) {
-            LOG_WARN("[Play] ---> [STOP] setAvTransportFailCnt:%lu", failCnt);
-            std::lock_guard lock(m_waitMutex);
-            m_bStop = true;
-            failCnt = 0;
-        }
-    }
-    priorCT = 0;
-}
-
-void CDlnaPlayer::detectOutsideStop_() {
+DeviceSteps::Follow CDlnaPlayer::detectOutsideStop_() {
     playerState_e state = getRenderState_();
     if (state == STATE_PLAY_E) {
         setPlayerState(STATE_PLAY_E);
-        return;
+        return Follow::Playing;
     }
     int total = getTotalTimeSecond();
     int current = getCurrTimeSecond();
     // Near the end a renderer stops by itself; the position rules end the track then.
-    if (total - current <= kOutsideStopMargin || current == 0) return;
+    if (total - current <= kOutsideStopMargin || current == 0) return Follow::Playing;
     if (state == STATE_STOP_E) {
         LOG_WARN("%s: stopped on the renderer at %d of %d s", getDeviceName().c_str(), current, total);
-        {
-            std::lock_guard lock(m_waitMutex);
-            m_bStop = true;
-            m_bIsPlaying = false;
-        }
-        if (savePlayHistory() != 0) LOG_ERR("savePlayHistory failed");
-    } else if (state == STATE_PAUSE_E) {
-        LOG_WARN("%s: paused on the renderer at %d of %d s", getDeviceName().c_str(), current, total);
-        std::lock_guard lock(m_waitMutex);
-        m_bStop = true;  // the next pass parks as a pause
+        return Follow::StoppedOutside;
     }
+    if (state == STATE_PAUSE_E) {
+        LOG_WARN("%s: paused on the renderer at %d of %d s", getDeviceName().c_str(), current, total);
+        return Follow::PausedOutside;
+    }
+    return Follow::Playing;
+}
+
+void CDlnaPlayer::pauseDevice() {
+    // A photo has nothing to pause: the renderer keeps showing it.
+    if (currentElm_().MediaType != MEDIA_PHOTO_E) sendPause_();
+}
+
+bool CDlnaPlayer::resumeDevice() { return sendPlay_() == 0; }
+
+void CDlnaPlayer::stopDevice(bool) {
+    if (savePlayHistory() != 0) LOG_ERR("savePlayHistory failed");
+    sendStop_();
 }

@@ -27,7 +27,6 @@ constexpr int kMpcTimeoutMs = 5000;
 constexpr int kServerTimeoutMs = 10000;
 constexpr auto kServerReadyWait = std::chrono::seconds(5);
 constexpr auto kServerReadyStep = std::chrono::milliseconds(50);
-constexpr auto kParkWait = std::chrono::seconds(5);
 
 std::mutex g_portMutex;
 int g_portCounter = kFirstPort;                // guarded by g_portMutex
@@ -145,22 +144,12 @@ bool CAlsaPlayer::isSndDevBusy(const std::string& card, const std::string& devic
 
 CAlsaPlayer::CAlsaPlayer(uint32_t type, const std::string& renderID, const std::string& deviceName,
                          const std::string& playlistTitle, const std::string& appType, const std::string& outputId)
-    : CPlayer(type, renderID.c_str(), deviceName.c_str(), playlistTitle.c_str(), appType.c_str()),
-      m_outputId(outputId) {
+    : CDevicePlayer(type, renderID, deviceName, playlistTitle, appType), m_outputId(outputId) {
     m_port = choosePort();
     startServer();
     sendMpc({"enable", "only", deviceName});
     if (sendMpc({"volume", "100"}) == 0) m_knownVolume = 100;
-
-    if (start(("alsa:" + deviceName).c_str()) != 0) {
-        // No worker: callers must not wait for one to park.
-        std::lock_guard lock(m_waitMutex);
-        m_bStuckOnWaitLock = true;
-        return;
-    }
-    // The worker's first pass stops MPD and parks; the player is handed over parked.
-    std::unique_lock lock(m_waitMutex);
-    waitParked_(lock, "CAlsaPlayer()");
+    startWorker("alsa");
 }
 
 std::unique_ptr<CPlayer> CAlsaPlayer::create(const std::string& renderID, const renderCacheInfo_s& render,
@@ -188,14 +177,7 @@ int CAlsaPlayer::setAttributesWithoutPlayer(const renderCacheInfo_s& render, con
 
 CAlsaPlayer::~CAlsaPlayer() {
     LOG_TRACE("~CAlsaPlayer %s (port %d)", getDeviceName().c_str(), m_port);
-    {
-        std::lock_guard lock(m_waitMutex);
-        m_bExit = true;
-        m_bStop = true;
-        m_bIsPlaying = false;
-    }
-    m_waitCond.notify_all();
-    join();
+    endWorker(false);  // the server is about to be killed: nothing to stop first
     stopServer();
 }
 
@@ -254,76 +236,6 @@ void CAlsaPlayer::stopServer() {
 }
 
 // ---- transport (manager threads) ----------------------------------------------------------
-
-void CAlsaPlayer::waitParked_(std::unique_lock<std::mutex>& lock, const char* who) {
-    bool parked = m_parkedCond.wait_for(lock, kParkWait, [&] { return m_bStuckOnWaitLock && !m_wakeForStop; });
-    if (!parked) LOG_ERR("%s: %s: worker did not park within 5 s", who, getDeviceName().c_str());
-}
-
-int CAlsaPlayer::play() {
-    if (getPlaylistSize() == 0) return -1;
-    playerState_e state = getPlayerState();
-    if (state == STATE_PLAY_E) {
-        LOG_WARN("play() state:%s", playerStateLogName(state));
-        {
-            std::lock_guard lock(m_waitMutex);
-            m_kick = true;  // a track change from next()/previous() starts without waiting a turn
-        }
-        m_waitCond.notify_all();
-        return 0;
-    }
-    // Resume the paused file; without one the worker starts the current track afresh.
-    if (state == STATE_PAUSE_E && m_bIsPlaying) sendMpc({"play"});
-    {
-        std::lock_guard lock(m_waitMutex);
-        m_bStop = false;
-        m_kick = true;
-    }
-    m_waitCond.notify_all();
-    return 0;
-}
-
-int CAlsaPlayer::pause() {
-    std::unique_lock lock(m_waitMutex);
-    m_bStop = true;
-    if (getPlayerState() == STATE_PLAY_E) LOG_WARN("[PLAY:pause()] ---> [PAUSE]");
-    m_waitCond.notify_all();
-    // The worker, still holding a started file, pauses MPD and parks.
-    waitParked_(lock, "pause()");
-    return 0;
-}
-
-int CAlsaPlayer::stop(bool /*force*/) {
-    LOG_WARN("[PLAY:stop()] ---> [STOP]");
-    std::unique_lock lock(m_waitMutex);
-    m_bIsPlaying = false;
-    m_bStop = true;
-    // A paused player is parked on a paused file: wake it so that it stops MPD.
-    if (m_bStuckOnWaitLock && getPlayerState() == STATE_PAUSE_E) m_wakeForStop = true;
-    m_waitCond.notify_all();
-    waitParked_(lock, "stop()");
-    return 0;
-}
-
-int CAlsaPlayer::next() {
-    if (!stepCurrTrackIndex_(+1)) return -1;
-    {
-        std::lock_guard lock(m_waitMutex);
-        ++m_trackRequest;
-        m_bIsPlaying = false;
-    }
-    return play();
-}
-
-int CAlsaPlayer::previous() {
-    if (!stepCurrTrackIndex_(-1)) return -1;
-    {
-        std::lock_guard lock(m_waitMutex);
-        ++m_trackRequest;
-        m_bIsPlaying = false;
-    }
-    return play();
-}
 
 int CAlsaPlayer::seek(const char* position) {
     if (!position || getPlayerState() == STATE_STOP_E) return 0;
@@ -397,25 +309,17 @@ int CAlsaPlayer::setAttributes(const char* attributes) {
     return rc;
 }
 
-void CAlsaPlayer::debugDump(std::string& out) {
-    char text[512];
+void CAlsaPlayer::debugDetails(std::string& out) {
+    char text[256];
     std::snprintf(text, sizeof text,
-                  "\nFlowStage          :%d\n"
-                  "m_bStop            :%d\n"
-                  "m_bExit            :%d\n"
-                  "m_bStuckOnWaitLock :%d\n"
-                  "m_bIsPlaying       :%d\n"
-                  "m_bChangeToNext    :%d\n"
                   "state              :%s\n"
                   "port               :%d\n"
                   "startOffset        :%d\n"
                   "duration           :%d\n"
                   "savedVolume        :%d\n",
-                  m_flowStage.load(), m_bStop.load(), m_bExit.load(), m_bStuckOnWaitLock.load(), m_bIsPlaying.load(),
-                  m_bChangeToNext.load(), playerStateLogName(getPlayerState()), m_port, m_startOffset.load(),
-                  m_duration.load(), m_savedVolume.load());
+                  playerStateLogName(getPlayerState()), m_port, m_startOffset.load(), m_duration.load(),
+                  m_savedVolume.load());
     out += text;
-    LOG_TRACE("------------------------------------------------%s", text);
 }
 
 // ---- content -------------------------------------------------------------------------------
@@ -442,7 +346,7 @@ int CAlsaPlayer::getNextObjectFilePath(playlistElm_s& elm, std::string& path, in
             return 0;
         }
         LOG_WARN("%s: entry %u does not resolve to a file", getDeviceName().c_str(), getCurrTrack());
-        if (tried >= attempts || m_bStop || !changeToNextTrack()) return -1;
+        if (tried >= attempts || worker().commandPending() || !changeToNextTrack()) return -1;
     }
 }
 
@@ -453,53 +357,13 @@ int CAlsaPlayer::addFileToMPD(const std::string& path) {
     return send_mpd_cmd(argv);
 }
 
-// ---- worker --------------------------------------------------------------------------------
+// ---- worker steps --------------------------------------------------------------------------
 
-void CAlsaPlayer::trace_(const char* mark, int stage) {
-    m_flowStage = stage;
-    LOG_TRACK("%s(%s)(m_bStuckOnWaitLock:%d)(m_bStop:%d)(m_bExit:%d)(m_bIsPlaying:%d)(m_bChangeToNext:%d)", mark,
-              playerStateLogName(getPlayerState()), m_bStuckOnWaitLock.load(), m_bStop.load(), m_bExit.load(),
-              m_bIsPlaying.load(), m_bChangeToNext.load());
-}
+std::chrono::milliseconds CAlsaPlayer::passPeriod() const { return std::chrono::milliseconds(g_pollPeriodMs.load()); }
 
-void CAlsaPlayer::resetTimes_() {
-    setCurrTime(std::string("00:00:00"));
-    setTotalTime(std::string("00:00:00"));
-    setSeekOffset("00:00:00");
-    resetAudioAndSubtitle();
-}
-
-void CAlsaPlayer::stopFromWorker_() {
-    std::lock_guard lock(m_waitMutex);
-    m_bIsPlaying = false;
-    m_bStop = true;
-}
-
-void CAlsaPlayer::process() {
-    for (;;) {
-        // The slice of a paused track is kept: a resumed slice still reports and ends as one.
-        while (!m_bStop && !m_bExit) {
-            trace_(">1.", 1);
-            if (!m_bIsPlaying) startTrack_();
-            if (m_bIsPlaying && !m_bStop) pollStatus_();
-            advanceIfOver_();
-            if (m_bStop) break;
-            sleepTurn_();
-        }
-        leavePlaying_();
-        park_();
-        if (m_bExit) return;
-    }
-}
-
-void CAlsaPlayer::startTrack_() {
-    m_bChangeToNext = false;
-    resetTimes_();
+DeviceSteps::Start CAlsaPlayer::startTrack(bool) {
+    resetTimes();
     sendMpc({"stop"});
-    {
-        std::lock_guard lock(m_waitMutex);
-        m_playingRequest = m_trackRequest;
-    }
 
     playlistElm_s elm;
     std::string path;
@@ -507,17 +371,14 @@ void CAlsaPlayer::startTrack_() {
     int length = -1;
     if (getNextObjectFilePath(elm, path, start, length) != 0) {
         VLOG_AT(vlog::kRemove, "getNextObjectFilePath() ... [fail] ... [Play] ---> [STOP]");
-        stopFromWorker_();
-        return;
+        return Start::Unresolvable;
     }
     m_startOffset = start;
     m_duration = length;
-    trace_(">1.1.", 2);
 
     if (path.empty() || addFileToMPD(path) != 0) {
         LOG_ERR("setAvTransport_() ... err");
-        m_bChangeToNext = true;
-        return;
+        return Start::Refused;
     }
     // A slice starts muted so the file's opening is not heard before the seek lands; a player
     // the user muted stays as it is.
@@ -526,31 +387,26 @@ void CAlsaPlayer::startTrack_() {
         setMute(true);
         muted = true;
     }
+    Start result = Start::Started;
     if (sendMpc({"play"}) != 0) {
         LOG_WARN("1.........................................");
-        m_bChangeToNext = true;  // MPD refused the file: go on rather than retry it each turn
+        result = Start::Refused;  // MPD refused the file: go on rather than retry it each turn
     } else {
         sched_yield();
-        {
-            std::lock_guard lock(m_waitMutex);
-            // A stop, or a next()/previous() that came while the file was being set up, wins.
-            if (!m_bStop && m_playingRequest == m_trackRequest) m_bIsPlaying = true;
-        }
         if (start > 0) seekAbs(start);
     }
     if (muted) setMute(false);
+    return result;
 }
 
-void CAlsaPlayer::pollStatus_() {
-    trace_(">2.", 3);
+DeviceSteps::Follow CAlsaPlayer::followTrack() {
     std::string text;
     if (!readStatus(text)) {
         setPlayerState(STATE_PLAY_E);
-        return;
+        return Follow::Playing;
     }
     MpdStatus status = parseMpdStatus(text);
     if (status.volume >= 0) m_knownVolume = status.volume;
-    trace_(">3.", 4);
 
     int offset = m_startOffset.load();
     int length = m_duration.load();
@@ -564,84 +420,26 @@ void CAlsaPlayer::pollStatus_() {
     LOG_WARN("[duration]       :%d", total);
     LOG_WARN("[current]        :%d", current);
 
-    if (status.state == 1) {
-        // The file ran out (or MPD cannot be read): next track.
-        m_bChangeToNext = true;
-        m_startOffset = -1;
-        m_duration = -1;
-    } else if (status.state == 2) {
-        // Paused from outside: follow MPD.
-        std::lock_guard lock(m_waitMutex);
-        m_bStop = true;
-    } else if (offset >= 0 && length > 0 && current >= total) {
-        // The slice is over even though the file goes on.
-        m_bChangeToNext = true;
-        m_startOffset = -1;
-        m_duration = -1;
-    }
-    trace_(">3.3.", 5);
-}
-
-void CAlsaPlayer::advanceIfOver_() {
-    if (m_bStop || !m_bChangeToNext) return;
-    trace_(">4.", 6);
-    LOG_TRACE("Next");
+    // The file ran out (or MPD cannot be read), or the slice is over even though the file
+    // goes on.
+    bool over = status.state == 1 || (status.state != 2 && offset >= 0 && length > 0 && current >= total);
+    if (status.state == 2) return Follow::PausedOutside;  // paused from outside: follow MPD
+    if (!over) return Follow::Playing;
+    m_startOffset = -1;
+    m_duration = -1;
     sendMpc({"stop"});
-    m_bChangeToNext = false;
-    bool superseded;
-    {
-        std::lock_guard lock(m_waitMutex);
-        m_bIsPlaying = false;
-        superseded = m_playingRequest != m_trackRequest;
-    }
-    // After a next()/previous() the index already names the track to play.
-    if (superseded) return;
-    if (!changeToNextTrack()) {
-        VLOG_AT(vlog::kRemove, "[Play] ---> [STOP]");
-        std::lock_guard lock(m_waitMutex);
-        m_bStop = true;
-    }
+    return Follow::Over;
 }
 
-void CAlsaPlayer::sleepTurn_() {
-    std::unique_lock lock(m_waitMutex);
-    m_waitCond.wait_for(lock, std::chrono::milliseconds(g_pollPeriodMs.load()),
-                        [&] { return m_bStop || m_bExit || m_kick; });
-    m_kick = false;
+void CAlsaPlayer::pauseDevice() { sendMpc({"pause"}); }
+
+bool CAlsaPlayer::resumeDevice() {
+    sendMpc({"play"});
+    return true;
 }
 
-void CAlsaPlayer::leavePlaying_() {
-    if (m_bExit) return;  // the server is about to be killed
-    trace_(">X.", 7);
-    for (;;) {
-        bool pausing = m_bIsPlaying;
-        if (pausing) {
-            sendMpc({"pause"});
-            setPlayerState(STATE_PAUSE_E);
-        } else {
-            sendMpc({"stop"});
-            resetTimes_();
-            m_startOffset = -1;
-            m_duration = -1;
-            setPlayerState(STATE_STOP_E);
-        }
-        std::lock_guard lock(m_waitMutex);
-        // A stop() that came while MPD was being paused turns the pause into a stop.
-        if (!pausing || m_bIsPlaying || m_bExit) return;
-    }
-}
-
-void CAlsaPlayer::park_() {
-    m_flowStage = 0;
-    LOG_TRACK(">>> Locked .... %s", getDeviceName().c_str());
-    {
-        std::unique_lock lock(m_waitMutex);
-        m_bStuckOnWaitLock = true;
-        m_parkedCond.notify_all();
-        m_waitCond.wait(lock, [&] { return m_bExit || !m_bStop || m_wakeForStop; });
-        m_wakeForStop = false;
-        m_kick = false;
-        m_bStuckOnWaitLock = false;
-    }
-    LOG_TRACK(">>> Unlock ... %s", getDeviceName().c_str());
+void CAlsaPlayer::stopDevice(bool) {
+    sendMpc({"stop"});
+    m_startOffset = -1;
+    m_duration = -1;
 }

@@ -4,14 +4,13 @@
 // file at a time; the worker feeds the play queue to it, polls its status once a period for
 // position and end of track, and moves on by the play-queue rules of CPlayer.
 //
-// Threads: the manager calls the transport operations holding the player's lock; the worker
-// never takes that lock. The two meet on m_waitMutex: the worker parks on m_waitCond when it is
-// not playing, and stop()/pause() wait on m_parkedCond until it has parked.
+// Threads: the transport is the shared worker's (CDevicePlayer); this class supplies the MPD
+// steps it runs. Volume changes may come from command threads and the worker at once
+// (m_volumeMutex).
 #pragma once
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
@@ -21,7 +20,7 @@
 #include <string_view>
 #include <vector>
 
-#include "player/CPlayer.h"
+#include "output/CDevicePlayer.h"
 #include "player/PlayerBackends.h"
 #include "playlist/PlaylistTypes.h"
 
@@ -29,13 +28,13 @@
 // otherwise the exit status, or -1 when it could not run, was killed or timed out.
 int send_mpd_cmd(const std::vector<std::string>& argv);
 
-class CAlsaPlayer : public CPlayer {
+class CAlsaPlayer : public CDevicePlayer {
 public:
     // Starts the private MPD (and waits until it answers), selects the output named deviceName,
     // sets volume 100 and starts the worker, which parks at once. outputId is kept for callers.
     CAlsaPlayer(uint32_t type, const std::string& renderID, const std::string& deviceName,
                 const std::string& playlistTitle, const std::string& appType, const std::string& outputId);
-    // Ends and joins the worker, then stops the private MPD.
+    // Ends and joins the worker (MPD is left as it is), then stops the private MPD.
     ~CAlsaPlayer() override;
 
     // The back-end table's row: a player for a listed local output, or null with -19 when
@@ -47,11 +46,6 @@ public:
     // every such output.
     static int setAttributesWithoutPlayer(const renderCacheInfo_s& render, const char* attributes);
 
-    int play() override;
-    int stop(bool force) override;
-    int pause() override;
-    int next() override;
-    int previous() override;
     // hh:mm:ss within the current track (a slice's own start is added). Ignored while stopped.
     int seek(const char* hhmmss) override;
     int setAudioAndSubtitle(const char* externalSubtitle, int audioTrack, int subtitleTrack, const char* position,
@@ -66,7 +60,6 @@ public:
     int setAttributes(const char* attributes) override;
     // Mute remembers this player's volume (100 when unreadable); un-mute restores it.
     int setMute(bool on) override;
-    void debugDump(std::string& out) override;
 
     // Seeks MPD to an absolute position in the file, slice start not added.
     int seekAbs(int seconds);
@@ -99,7 +92,16 @@ public:
     static bool isTcpPortInUse(int port);
 
 protected:
-    void process() override;
+    // The worker's steps.
+    Start startTrack(bool afterAdvance) override;
+    Follow followTrack() override;
+    void pauseDevice() override;
+    bool resumeDevice() override;
+    void stopDevice(bool force) override;
+    // next()/previous() of a stopped local output start it.
+    bool skipWhileStoppedPlays() const override { return true; }
+    std::chrono::milliseconds passPeriod() const override;
+    void debugDetails(std::string& out) override;
 
 private:
     std::vector<std::string> mpcArgv(std::initializer_list<std::string> args) const;
@@ -109,39 +111,11 @@ private:
     bool readStatus(std::string& out);
     void startServer();
     void stopServer();
+    int sendVolume_(int volume);
 
-    // Worker steps.
-    void startTrack_();
-    void pollStatus_();
-    void advanceIfOver_();
-    void leavePlaying_();
-    void park_();
-    void sleepTurn_();
-    void stopFromWorker_();
-    void resetTimes_();
-    void trace_(const char* mark, int stage);
-
-    // Caller side: waits (bounded) until the worker has parked; lock holds m_waitMutex.
-    void waitParked_(std::unique_lock<std::mutex>& lock, const char* who);
-
-    // Shared with the worker. Writers change m_bStop, m_bExit and m_bIsPlaying under
-    // m_waitMutex so that no wake-up is lost; readers may look without it.
-    std::atomic<bool> m_bStop{true};
-    std::atomic<bool> m_bExit{false};
-    std::atomic<bool> m_bStuckOnWaitLock{false};  // written under m_waitMutex
-    std::atomic<bool> m_bIsPlaying{false};
-    std::atomic<bool> m_bChangeToNext{false};  // the worker's own
     const std::string m_outputId;
-
-    // Guards m_wakeForStop, m_kick and m_trackRequest, and orders the flag writes above.
-    std::mutex m_waitMutex;
-    std::condition_variable m_waitCond;    // the worker waits here (parked or between turns)
-    std::condition_variable m_parkedCond;  // stop()/pause() wait here for the worker to park
-    bool m_wakeForStop = false;            // stop() of a paused player: the worker must stop MPD
-    bool m_kick = false;                   // cut the worker's current sleep short
-    uint64_t m_trackRequest = 0;           // bumped by next()/previous()
-    uint64_t m_playingRequest = 0;         // the worker's copy when its track started
-
+    // The slice of the file the current track is (-1: the whole file). The slice of a paused
+    // track is kept: a resumed slice still reports and ends as one.
     std::atomic<int> m_startOffset{-1};
     std::atomic<int> m_duration{-1};
     int m_port = 0;  // fixed once constructed
@@ -152,6 +126,4 @@ private:
     // every second: answering from here spares a program run per poll, and the worker's status
     // polls keep it current while playing.
     std::atomic<int> m_knownVolume{-1};
-    int sendVolume_(int volume);
-    std::atomic<int> m_flowStage{0};
 };
