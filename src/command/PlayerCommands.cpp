@@ -211,22 +211,6 @@ int list_player(CPlayerManager& m, XMLNode&, XMLNode& answer) {
 
 namespace {
 
-const char* deviceTypeText(uint32_t type) {
-    if (type & playertype::kDlna) return "DLNA";
-    if (type & (playertype::kAirplay | playertype::kRaop)) return "AirPlay";
-    if (type & playertype::kAlsa) return "ALSA";
-    if (type & playertype::kChromecast) return "Chromecast";
-    if (type & playertype::kLocalHdmi) return "TAVRINER";
-    return "UNKNOW";
-}
-
-const char* alsaSubtypeText(uint32_t type) {
-    if (type & playertype::kAlsaAnalog) return "ANALOG";
-    if (type & playertype::kAlsaHdmi) return "HDMI";
-    if (type & playertype::kAlsaUsb) return "USB";
-    return "OTHER";
-}
-
 std::string mediaKindsText(uint32_t type) {
     std::string kinds;
     auto add = [&](uint32_t bit, const char* word) {
@@ -261,8 +245,8 @@ int get_player_status(CPlayerManager& m, XMLNode& request, XMLNode& answer) {
     };
     add("deviceName", status.deviceName);
     XMLNode device = answer.addChild("device");
-    device.addAttribute("Type", deviceTypeText(status.playerType));
-    if (status.playerType & playertype::kAlsa) device.addAttribute("Subtype", alsaSubtypeText(status.playerType));
+    device.addAttribute("Type", status.deviceType);
+    if (status.deviceSubtype) device.addAttribute("Subtype", status.deviceSubtype);
     add("playerType", mediaKindsText(status.playerType));
     add("playerState", playerStateText(status.playerState));
     add("playMode", playModeText(status.playMode));

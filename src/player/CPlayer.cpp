@@ -9,11 +9,9 @@
 #include <thread>
 
 #include "util/Log.h"
-#include "player/PlayerTypes.h"
 #include "playlist/CSqlitePlaylist.h"
 
 std::atomic<int> CPlayer::s_rememberedVolume{0};
-std::atomic<int> CPlayer::s_airplaySettleMs{1000};
 
 namespace {
 
@@ -117,8 +115,7 @@ size_t CPlayer::getPlaylistSize() const {
 
 void CPlayer::setPlaylist(const std::string& title, const std::string& appType) {
     playerState_e before = getPlayerState();
-    // RAOP receivers get the soft stop, every other device the full one.
-    stop((m_type & playertype::kRaop) == 0);
+    stop(!traits().softStopOnLoad);
 
     int id = playlistStore().getPlaylistID(title, appType);
     int64_t playlistID = id >= 1 ? id : -1;
@@ -140,10 +137,9 @@ void CPlayer::setPlaylist(const std::string& title, const std::string& appType) 
 
     if (before == STATE_PLAY_E) {
         play();
-        // Give an AirPlay device time to start before the manager's next request reaches it.
-        int settleMs = s_airplaySettleMs.load();
-        if ((m_type & playertype::kAirplay) && settleMs > 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(settleMs));
+        // Some devices need time to start before the manager's next request reaches them.
+        std::chrono::milliseconds settle = traits().settleAfterReload;
+        if (settle.count() > 0) std::this_thread::sleep_for(settle);
     }
 }
 
@@ -390,9 +386,7 @@ int CPlayer::setCurrTrack(unsigned int n) {
         std::lock_guard lock(m_queueMutex);
         if (n >= m_playQueue.size()) return -1;
     }
-    // RAOP, Chromecast and the local HDMI player get the soft stop when switching tracks.
-    bool soft = (m_type & (playertype::kRaop | playertype::kChromecast | playertype::kLocalHdmi)) != 0;
-    stop(!soft);
+    stop(!traits().softStopOnTrackChange);
 
     bool empty;
     {
@@ -522,6 +516,9 @@ int CPlayer::getPlaylistElmByOrder(playlistElm_s& elm, int order) {
 }
 
 void CPlayer::getStatus(playerStatus_s& status) {
+    const PlayerTraits kind = traits();
+    status.deviceType = kind.typeText;
+    status.deviceSubtype = kind.subtypeText;
     int64_t playlistID;
     unsigned int currTrack;
     {
@@ -767,7 +764,3 @@ int CPlayer::gen_tid() {
 }
 
 void CPlayer::intToString(int value, std::string& out) { out = std::to_string(value); }
-
-void CPlayer::setAirplaySettleDelay(std::chrono::milliseconds delay) {
-    s_airplaySettleMs.store(static_cast<int>(delay.count()));
-}

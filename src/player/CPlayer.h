@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "thread/CThread.h"
+#include "player/PlayerTraits.h"
 #include "player/PlayerTypesQueue.h"
 #include "playlist/PlaylistTypes.h"
 
@@ -55,6 +56,8 @@ public:
     virtual int setAttributes(const char* /*attributes*/) { return -1; }
     virtual void monitor(bool /*on*/) {}
     virtual void debugDump(std::string& /*out*/) {}
+    // What sets this kind of player apart (stops, settling, status texts).
+    virtual PlayerTraits traits() const { return {}; }
     // Muting sets the volume to 0; unmuting restores the volume remembered by the last mute of
     // any player (one value for the whole process).
     virtual int setMute(bool on);
@@ -218,8 +221,6 @@ public:
     int gen_tid();
     static void intToString(int value, std::string& out);
 
-    // setPlaylist lets an AirPlay device settle this long after restarting it (1 s); tests set 0.
-    static void setAirplaySettleDelay(std::chrono::milliseconds delay);
 
     // Written by the back-end's worker as the device goes.
     void setPlayerState(playerState_e state) { m_playerState.store(state); }
@@ -290,5 +291,4 @@ private:
 
     // The volume the last mute replaced, shared by every player.
     static std::atomic<int> s_rememberedVolume;
-    static std::atomic<int> s_airplaySettleMs;
 };

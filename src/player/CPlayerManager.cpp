@@ -233,7 +233,7 @@ void CPlayerManager::setSettleDelays(std::chrono::milliseconds afterCreate, std:
 
 void CPlayerManager::stopLocalHdmiPlayers_(CPlayer* except) {
     for (const auto& player : m_playerCollection) {
-        if (!(player->getPlayerType() & playertype::kLocalHdmi)) continue;
+        if (!player->traits().exclusive) continue;
         if (player.get() == except) {
             player->stop(true);  // its lock is held by the caller
             continue;
@@ -257,7 +257,7 @@ int CPlayerManager::setPlaylist(const char* renderID, const char* playlistTitle,
             ThreadReadLock collectionLock(m_rwLock);
             if (CPlayer* player = findCreatedPlayer_(renderID)) {
                 ThreadSingleTryLock playerLock(player->getLock());
-                if (player->getPlayerType() & playertype::kLocalHdmi) {
+                if (player->traits().exclusive) {
                     stopLocalHdmiPlayers_(player);
                     settle(g_settleAfterHdmiStopMs);
                 }

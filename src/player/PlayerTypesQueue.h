@@ -35,6 +35,8 @@ struct playerStatus_s {
     uint32_t currTrack = 0;
     uint32_t totalTracks = 0;
     uint32_t playerType = 0;
+    const char* deviceType = "UNKNOW";   // the player's kind, and its sub-kind (null: none)
+    const char* deviceSubtype = nullptr;
     playMode_e playMode = PLAYMODE_NORMAL_E;
     playerState_e playerState = STATE_STOP_E;
     std::string deviceName;

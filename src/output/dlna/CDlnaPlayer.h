@@ -47,6 +47,7 @@ public:
     int setVolume(int volume) override;
     // The renderer's volume, -1 when it cannot be had.
     int getVolume() override;
+    PlayerTraits traits() const override { return {.typeText = "DLNA"}; }
     // Off stops the watch of a parked renderer (the manager switches it off before retiring
     // the player); on lets it watch again from the next time the worker parks.
     void monitor(bool on) override;

@@ -14,6 +14,7 @@
 #include "util/Process.h"
 #include "util/TimeText.h"
 #include "output/mpd/MpdAttr.h"
+#include "player/PlayerTypes.h"
 #include "output/mpd/MpdStatus.h"
 
 namespace {
@@ -320,6 +321,15 @@ void CAlsaPlayer::debugDetails(std::string& out) {
                   playerStateLogName(getPlayerState()), m_port, m_startOffset.load(), m_duration.load(),
                   m_savedVolume.load());
     out += text;
+}
+
+PlayerTraits CAlsaPlayer::traits() const {
+    const uint32_t type = getPlayerType();
+    const char* subtype = (type & playertype::kAlsaAnalog) ? "ANALOG"
+                          : (type & playertype::kAlsaHdmi) ? "HDMI"
+                          : (type & playertype::kAlsaUsb)  ? "USB"
+                                                           : "OTHER";
+    return {.typeText = "ALSA", .subtypeText = subtype};
 }
 
 // ---- content -------------------------------------------------------------------------------

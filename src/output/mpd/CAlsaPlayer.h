@@ -60,6 +60,8 @@ public:
     int setAttributes(const char* attributes) override;
     // Mute remembers this player's volume (100 when unreadable); un-mute restores it.
     int setMute(bool on) override;
+    // Type "ALSA", Subtype the kind of output.
+    PlayerTraits traits() const override;
 
     // Seeks MPD to an absolute position in the file, slice start not added.
     int seekAbs(int seconds);

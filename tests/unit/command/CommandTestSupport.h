@@ -40,7 +40,6 @@ protected:
         s_now = 1'000'000;
         StatusCache::instance().setClock([] { return s_now; });
         CPlayerManager::setSettleDelays(std::chrono::milliseconds(0), std::chrono::milliseconds(0));
-        CPlayer::setAirplaySettleDelay(std::chrono::milliseconds(0));
         manager = std::make_unique<TestManager>();
     }
     void TearDown() override {

@@ -8,7 +8,9 @@ protected:
     // A player "uuid:tv" on a playlist of the given entries.
     FakePlayer* watching(const std::vector<std::tuple<mediaType_e, contentType_e, std::string>>& entries) {
         makePlaylist("Watch", entries);
-        return playerOn("uuid:tv", "Watch", playertype::kAlsa | playertype::kAlsaUsb | playertype::kCapAudio);
+        FakePlayer* p = playerOn("uuid:tv", "Watch", playertype::kAlsa | playertype::kAlsaUsb | playertype::kCapAudio);
+        if (p) p->fakeTraits = {.typeText = "ALSA", .subtypeText = "USB"};
+        return p;
     }
     int poll() { return run("GetPlayerStatus", {{"dev", "uuid:tv"}}); }
 };

@@ -51,10 +51,12 @@ TEST_F(PlayQueueTest, SetPlaylistRestartsOnlyWhatWasPlaying) {
     p->setPlaylist("first", "music");
     EXPECT_EQ(p->takeCalls(), (Calls{"stop(true)", "play"}));
 
-    auto raop = playerWith("first", playertype::kRaop);
-    raop->setPlayerState(STATE_PLAY_E);
-    raop->setPlaylist("second", "music");
-    EXPECT_EQ(raop->takeCalls(), (Calls{"stop(false)", "play"}));
+    // A kind of device that stops softly when a playlist is loaded.
+    auto soft = playerWith("first");
+    soft->fakeTraits.softStopOnLoad = true;
+    soft->setPlayerState(STATE_PLAY_E);
+    soft->setPlaylist("second", "music");
+    EXPECT_EQ(soft->takeCalls(), (Calls{"stop(false)", "play"}));
 
     // An unknown title: stopped, the old queue stays, the new title is kept.
     p->setPlaylist("gone", "music");

@@ -25,7 +25,6 @@ protected:
         testsupport::makeDirs(m_root + "/share/Public");
         approot::set(m_root);
         CGlobalsSingleton<CSqlitePlaylist>::reset();
-        CPlayer::setAirplaySettleDelay(std::chrono::milliseconds(0));
     }
     void TearDown() override {
         CGlobalsSingleton<CSqlitePlaylist>::reset();

@@ -55,6 +55,7 @@ public:
     bool isPlayerExist() override { return exists; }
     void monitor(bool on) override { record(on ? "monitor(on)" : "monitor(off)"); }
     void debugDump(std::string& out) override { out += "state of " + getRenderID(); }
+    PlayerTraits traits() const override { return fakeTraits; }
 
     int record(const std::string& call) {
         calls.push_back(call);
@@ -67,6 +68,7 @@ public:
     using CPlayer::setSubtitleStyle;
 
     std::vector<std::string> calls;
+    PlayerTraits fakeTraits{.typeText = "FAKE"};
     int volume = 30;  // -1: a device that cannot tell its volume
     std::atomic<bool> exists{true};
 };

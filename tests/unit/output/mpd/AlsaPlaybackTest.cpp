@@ -224,6 +224,8 @@ TEST_F(AlsaTest, FactoryRefusesABusyDeviceAndMakesAParkedPlayerOtherwise) {
     EXPECT_EQ(result, 0);
     EXPECT_EQ(made->getPlayerState(), STATE_STOP_E);
     EXPECT_EQ(made->play(), -1);  // nothing queued
+    EXPECT_STREQ(made->traits().typeText, "ALSA");
+    EXPECT_STREQ(made->traits().subtypeText, "USB");
 }
 
 TEST_F(AlsaTest, DestroyingAPlayingPlayerEndsItsServerAndThread) {
