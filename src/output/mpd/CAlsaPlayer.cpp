@@ -203,14 +203,17 @@ bool CAlsaPlayer::readStatus(std::string& out) {
     return true;
 }
 
-void CAlsaPlayer::startServer() {
-    std::vector<std::string> argv{mpdBinary(), "--port", std::to_string(m_port), mpdConfig()};
+void CAlsaPlayer::runServerCommand(const std::vector<std::string>& argv, const char* failure) {
     LOG_TRACK("%s 1>/dev/null 2>/dev/null", formatCommandLine(argv).c_str());
     ProcessOptions options;
     options.capture = ProcessOptions::Capture::None;
     options.timeoutMs = kServerTimeoutMs;
     ProcessResult r = runProcess(argv, options);
-    if (!r.ok()) LOG_ERR("mpd on port %d did not start (status %d)", m_port, commandStatus(r));
+    if (!r.ok()) LOG_ERR("mpd on port %d: %s (status %d)", m_port, failure, commandStatus(r));
+}
+
+void CAlsaPlayer::startServer() {
+    runServerCommand({mpdBinary(), "--port", std::to_string(m_port), mpdConfig()}, "did not start");
 
     // Ready once mpc gets an answer; the server needs a moment after it detaches.
     auto deadline = std::chrono::steady_clock::now() + kServerReadyWait;
@@ -227,16 +230,10 @@ void CAlsaPlayer::startServer() {
 }
 
 void CAlsaPlayer::stopServer() {
-    std::vector<std::string> argv{mpdBinary(), "--port", std::to_string(m_port), "--kill", mpdConfig()};
-    LOG_TRACK("%s 1>/dev/null 2>/dev/null", formatCommandLine(argv).c_str());
-    ProcessOptions options;
-    options.capture = ProcessOptions::Capture::None;
-    options.timeoutMs = kServerTimeoutMs;
-    ProcessResult r = runProcess(argv, options);
-    if (!r.ok()) LOG_ERR("mpd on port %d: stop failed (status %d)", m_port, commandStatus(r));
+    runServerCommand({mpdBinary(), "--port", std::to_string(m_port), "--kill", mpdConfig()}, "stop failed");
 }
 
-// ---- transport (manager threads) ----------------------------------------------------------
+// ---- transport -----------------------------------------------------------------------------
 
 int CAlsaPlayer::seek(const char* position) {
     if (!position || getPlayerState() == STATE_STOP_E) return 0;

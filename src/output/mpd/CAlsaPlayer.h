@@ -94,15 +94,15 @@ public:
     static bool isTcpPortInUse(int port);
 
 protected:
-    // The worker's steps.
+    // The worker's steps: one MPD status poll a pass.
+    std::chrono::milliseconds passPeriod() const override;
     Start startTrack(bool afterAdvance) override;
     Follow followTrack() override;
+    // next()/previous() of a stopped local output start it.
+    bool skipWhileStoppedPlays() const override { return true; }
     void pauseDevice() override;
     bool resumeDevice() override;
     void stopDevice(bool force) override;
-    // next()/previous() of a stopped local output start it.
-    bool skipWhileStoppedPlays() const override { return true; }
-    std::chrono::milliseconds passPeriod() const override;
     void debugDetails(std::string& out) override;
 
 private:
@@ -113,6 +113,8 @@ private:
     bool readStatus(std::string& out);
     void startServer();
     void stopServer();
+    // Runs the server program (mpd --port ...), logging the failure.
+    void runServerCommand(const std::vector<std::string>& argv, const char* failure);
     int sendVolume_(int volume);
 
     const std::string m_outputId;

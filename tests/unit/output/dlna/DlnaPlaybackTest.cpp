@@ -44,37 +44,6 @@ TEST_F(DlnaTest, NormalQueuePlaysThroughInOrderAndStopsAtItsEnd) {
     EXPECT_EQ(count(calls, agentCall({"-c", "Play", "--uuid", kTvId})), 3u);
 }
 
-TEST_F(DlnaTest, RepeatWrapsNextAndPreviousRingTheQueueAndStopStopsTheRenderer) {
-    makePlaylist("loop", {object("mu_101"), object("mu_102"), object("mu_103")});
-    auto p = player("loop");
-    p->setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
-    ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitFor([&] { return p->getCurrTrackIndex() == 2; }, seconds(4)));
-    ASSERT_TRUE(waitFor([&] { return p->getCurrTrackIndex() == 0; }, seconds(4))) << "did not wrap";
-    EXPECT_EQ(p->getPlayerState(), STATE_PLAY_E);
-
-    // Tracks end only when told from here on; each move starts its track at once, even from a pause.
-    ASSERT_TRUE(renderer(kTvId, {"stall=1"}));
-    p->setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
-    auto showing = [&](const char* object) {
-        return waitFor([&] { return shown(kTvId, "objectID") == object && rendererState() == "PLAYING"; }, seconds(2));
-    };
-    ASSERT_EQ(p->previous(), 0);
-    EXPECT_EQ(p->getCurrTrackIndex(), 2u);
-    EXPECT_TRUE(showing("mu_103"));
-    ASSERT_EQ(p->next(), 0);
-    EXPECT_EQ(p->getCurrTrackIndex(), 0u);
-    EXPECT_TRUE(showing("mu_101"));
-    ASSERT_EQ(p->pause(), 0);
-    ASSERT_EQ(p->next(), 0);
-    EXPECT_TRUE(showing("mu_102"));
-    EXPECT_TRUE(p->isMonitoring());
-
-    ASSERT_EQ(p->stop(true), 0);
-    EXPECT_TRUE(p->isParked());
-    EXPECT_EQ(rendererState(), "STOPPED");
-}
-
 TEST_F(DlnaTest, PhotoShowsForTheSlideShowDelayPlusOneTick) {
     makePlaylist("album", {object("ph_301", MEDIA_PHOTO_E), object("mu_101")});
     auto p = player("album");
@@ -91,24 +60,6 @@ TEST_F(DlnaTest, PhotoShowsForTheSlideShowDelayPlusOneTick) {
     // Loaded to the next entry loaded: four ticks.
     EXPECT_GE(Clock::now() - started, 4 * kTick);
     p->stop(true);
-}
-
-TEST_F(DlnaTest, RefusedTracksAreSkippedAndAFullyRefusedRepeatingQueueStopsAfterOnePass) {
-    ASSERT_TRUE(renderer(kTvId, {"refuse=1"}));
-    makePlaylist("loop", {object("mu_101"), object("mu_102"), object("mu_103")});
-    auto p = player("loop");
-    p->setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
-    newCalls();
-    testing::internal::CaptureStderr();
-    ASSERT_EQ(p->play(), 0);
-    bool stopped = waitFor([&] { return loads(testsupport::readLines(m_root + "/var/sim/calls.log")).size() >= 3 && p->isParked(); }, seconds(6));
-    std::this_thread::sleep_for(5 * kTick);  // long enough for a fourth attempt, were there one
-    std::string log = testing::internal::GetCapturedStderr();
-    ASSERT_TRUE(stopped);
-    EXPECT_EQ(loads(newCalls()),
-              (std::vector<std::string>{loadObject("mu_101"), loadObject("mu_102"), loadObject("mu_103")}));
-    EXPECT_NE(log.find("[Play] ---> [STOP] setAvTransportFailCnt:3"), std::string::npos);
-    EXPECT_EQ(p->getPlayerState(), STATE_STOP_E);
 }
 
 TEST_F(DlnaTest, BusyRendererIsAskedFiveTimesAtMost) {

@@ -57,33 +57,6 @@ TEST_F(AlsaTest, QueuePlaysThroughOnceSkippingWhatCannotPlay) {
     p->stop(true);
 }
 
-TEST_F(AlsaTest, RepeatWrapsAndNextPreviousRingTheQueue) {
-    makePlaylist("loop", {{CONTENT_FILE_E, SimRoot::track(kToneA)}, {CONTENT_FILE_E, SimRoot::track(kToneC)}});
-    auto p = player("loop");
-    p->setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
-    ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitFor([&] { return p->getCurrTrackIndex() == 1; }, seconds(4)));
-    ASSERT_TRUE(waitFor([&] { return p->getCurrTrackIndex() == 0; }, seconds(4))) << "did not wrap";
-    EXPECT_EQ(p->getPlayerState(), STATE_PLAY_E);
-
-    // previous() from the first entry goes to the last, next() from the last to the first, and
-    // each starts its track at once.
-    mpcCalls(*p);
-    ASSERT_EQ(p->previous(), 0);
-    EXPECT_EQ(p->getCurrTrackIndex(), 1u);
-    EXPECT_TRUE(waitFor([&] { return contains(mpcCalls(*p), mpc(*p, {"add", "file://" + SimRoot::track(kToneC)})); },
-                        seconds(2)));
-    p->pause();
-    ASSERT_EQ(p->next(), 0);
-    EXPECT_EQ(p->getCurrTrackIndex(), 0u);
-    EXPECT_TRUE(waitFor([&] { return contains(mpcCalls(*p), mpc(*p, {"add", "file://" + SimRoot::track(kToneA)})); },
-                        seconds(2)));
-
-    ASSERT_EQ(p->stop(true), 0);
-    EXPECT_EQ(p->getPlayerState(), STATE_STOP_E);
-    EXPECT_EQ(mpdStatus(*p).find("[playing]"), std::string::npos);
-}
-
 TEST_F(AlsaTest, SeekPauseAndResumeKeepThePosition) {
     makePlaylist("long", {{CONTENT_FILE_E, SimRoot::track(kLong)}});
     auto p = player("long");
@@ -129,23 +102,6 @@ TEST_F(AlsaTest, SeekPauseAndResumeKeepThePosition) {
     std::string status = mpdStatus(*p);
     EXPECT_EQ(status.find("[paused]"), std::string::npos) << status;
     EXPECT_EQ(status.find("[playing]"), std::string::npos) << status;
-}
-
-TEST_F(AlsaTest, StopOrPauseWhileATrackStartsLeavesMpdSilent) {
-    makePlaylist("long", {{CONTENT_FILE_E, SimRoot::track(kLong)}});
-    auto p = player("long");
-    // Spread over the few tens of milliseconds a track takes to start.
-    for (int round = 0; round < 5; ++round) {
-        ASSERT_EQ(p->play(), 0);
-        std::this_thread::sleep_for(milliseconds(round * 20));
-        ASSERT_EQ(round % 2 ? p->pause() : p->stop(true), 0);
-        EXPECT_NE(p->getPlayerState(), STATE_PLAY_E) << "round " << round;
-        // Nothing the worker had under way may start MPD again afterwards.
-        std::this_thread::sleep_for(milliseconds(250));
-        EXPECT_NE(p->getPlayerState(), STATE_PLAY_E) << "round " << round;
-        EXPECT_EQ(mpdStatus(*p).find("[playing]"), std::string::npos) << "round " << round;
-    }
-    p->stop(true);
 }
 
 TEST_F(AlsaTest, SlicePlaysOnlyItsPartOfTheFile) {
