@@ -39,10 +39,16 @@ void PlaybackWorker::end(bool stopDevice) {
         stopFirst = stopDevice && m_phase != Phase::Stopped;
     }
     if (stopFirst) submit(Command::Stop, true, "end");
-    submit(Command::Exit, true, "end");
+    {
+        // Not through the slot: a command stuck in it must not keep the thread from ending.
+        std::lock_guard lock(m_mutex);
+        m_exit = true;
+    }
+    m_commandCond.notify_all();
     m_thread.join();
     std::lock_guard lock(m_mutex);
     m_running = false;
+    m_doneCond.notify_all();
 }
 
 int PlaybackWorker::submit(Command command, bool force, const char* who) {
@@ -59,7 +65,7 @@ int PlaybackWorker::submit(Command command, bool force, const char* who) {
     m_force = force;
     const uint64_t ticket = ++m_submitted;
     m_commandCond.notify_all();
-    if (!m_doneCond.wait_for(lock, m_commandWait, [&] { return m_done >= ticket; })) {
+    if (!m_doneCond.wait_for(lock, m_commandWait, [&] { return m_done >= ticket || m_exit; })) {
         // The command stays in the slot: the worker carries it out when its device step ends.
         LOG_ERR("%s: %s: worker did not finish within %lld s", who, m_player.getDeviceName().c_str(), waitSec);
         return 0;
@@ -189,7 +195,6 @@ void PlaybackWorker::execute(std::unique_lock<std::mutex>& lock) {
     int result = 0;
     switch (m_command) {
         case Command::None: break;
-        case Command::Exit: m_exit = true; break;
         case Command::Play:
             if (m_phase == Phase::Paused && m_trackStarted) {
                 // Resume where the device paused rather than starting the track again.
@@ -227,14 +232,15 @@ void PlaybackWorker::park(std::unique_lock<std::mutex>& lock) {
     traceLocked(">>> Locked .... ", 0);
     m_doneCond.notify_all();
     bool first = true;
-    while (m_command == Command::None) {
-        if (m_commandCond.wait_for(lock, m_steps.passPeriod(), [&] { return m_command != Command::None; })) break;
+    while (m_command == Command::None && !m_exit) {
+        if (m_commandCond.wait_for(lock, m_steps.passPeriod(), [&] { return m_command != Command::None || m_exit; }))
+            break;
         // A quiet period: let the back-end watch its device.
         lock.unlock();
         const bool resumed = m_steps.whileParked(first);
         lock.lock();
         first = false;
-        if (resumed && m_command == Command::None && m_phase == Phase::Paused && m_trackStarted) {
+        if (resumed && m_command == Command::None && !m_exit && m_phase == Phase::Paused && m_trackStarted) {
             LOG_TRACE("%s: resumed on the device", m_player.getDeviceName().c_str());
             m_player.setPlayerState(STATE_PLAY_E);
             m_phase = Phase::Playing;

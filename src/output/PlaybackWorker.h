@@ -6,8 +6,8 @@
 //
 // Hand-off: one command slot. A caller puts its command in the slot and waits until the worker
 // is done with it (bounded); the worker is done with play/next/previous once it has decided
-// what they do (the track itself starts afterwards), with resume/pause/stop/exit once the
-// device has done it;
+// what they do (the track itself starts afterwards), with resume/pause/stop once the device has
+// done it;
 // the worker waits for a command while parked and naps between passes while playing, and a new
 // command cuts a nap short. One mutex guards the slot and the worker's state; device steps run
 // on the worker thread with no lock held, so a slow device never holds up a command thread
@@ -115,7 +115,7 @@ public:
     bool isParked();
 
 private:
-    enum class Command { None, Play, Pause, Stop, Skip, Exit };
+    enum class Command { None, Play, Pause, Stop, Skip };
     enum class Phase { Stopped, Paused, Playing };
 
     class Thread : public CThread {
@@ -132,7 +132,7 @@ private:
 
     // Caller side: puts the command in the slot and waits (bounded) until the worker is done
     // with it: at once for play and skip (the track starts afterwards), after the device step
-    // for resume, pause, stop and exit.
+    // for resume, pause and stop.
     int submit(Command command, bool force, const char* who);
 
     // Worker side.
