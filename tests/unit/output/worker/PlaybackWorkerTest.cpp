@@ -117,7 +117,7 @@ TEST_F(WorkerTest, TheEndOfATrackMovesOnByThePlayMode) {
         starts.resize(std::min(starts.size(), c.starts.size()));
         EXPECT_EQ(starts, c.starts);
         if (c.starts.size() < 4) {
-            ASSERT_TRUE(eventually([&] { return p.getPlayerState() == STATE_STOP_E; }));
+            ASSERT_TRUE(testsupport::eventually([&] { return p.getPlayerState() == STATE_STOP_E; }, 10s));
             EXPECT_EQ(p.starts().size(), c.starts.size()) << "nothing starts after the stop";
         }
     }
@@ -207,7 +207,7 @@ TEST_F(WorkerTest, AStopThatHangsIsGivenUpAndCarriedOutLater) {
     EXPECT_EQ(p.stop(true), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - before, 5s) << "the caller's wait is bounded";
     release.open();
-    ASSERT_TRUE(eventually([&] { return p.isParked(); }));
+    ASSERT_TRUE(testsupport::eventually([&] { return p.isParked(); }, 10s));
     EXPECT_EQ(p.getPlayerState(), STATE_STOP_E);
     ASSERT_EQ(p.play(), 0);
     ASSERT_TRUE(p.waitForCount("start 0", 2)) << "the worker takes commands again";
@@ -223,7 +223,7 @@ TEST_F(WorkerTest, FollowsAPauseStopOrResumeMadeOnTheDeviceItself) {
 
     next = Follow::PausedOutside;
     ASSERT_TRUE(p.waitForCount("pause", 1));
-    ASSERT_TRUE(eventually([&] { return p.getPlayerState() == STATE_PAUSE_E && p.isParked(); }));
+    ASSERT_TRUE(testsupport::eventually([&] { return p.getPlayerState() == STATE_PAUSE_E && p.isParked(); }, 10s));
 
     // Resumed on the device: the player plays on without telling the device anything.
     p.takeCalls();
@@ -236,7 +236,7 @@ TEST_F(WorkerTest, FollowsAPauseStopOrResumeMadeOnTheDeviceItself) {
 
     next = Follow::StoppedOutside;
     ASSERT_TRUE(p.waitForCount("stop(true)", 1));
-    ASSERT_TRUE(eventually([&] { return p.getPlayerState() == STATE_STOP_E; }));
+    ASSERT_TRUE(testsupport::eventually([&] { return p.getPlayerState() == STATE_STOP_E; }, 10s));
 }
 
 TEST_F(WorkerTest, DestroyingAPlayingPlayerStopsTheDeviceAndEndsTheThread) {

@@ -10,11 +10,11 @@
 #include <functional>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "output/CDevicePlayer.h"
 #include "player/PlayerTypes.h"
+#include "unit/support/Files.h"
 
 namespace workertest {
 
@@ -142,18 +142,6 @@ private:
     bool m_skipPlays = false;
     bool m_stopAfterEachTrack = false;
 };
-
-// Polls cond until it holds (true) or a generous deadline passes (false): for what no recorded
-// call announces, such as the worker parking after a step.
-template <class Cond>
-bool eventually(Cond cond, std::chrono::seconds d = 10s) {
-    const auto deadline = std::chrono::steady_clock::now() + d;
-    while (!cond()) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
 
 // A one-shot gate a device step can wait behind.
 class Gate {

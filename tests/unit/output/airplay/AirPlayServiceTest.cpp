@@ -1,0 +1,147 @@
+// The AirPlay HTTP client against the simulated receiver, over real HTTP on loopback: the shape
+// of every request (method, path, body, headers), also right after a request of another method;
+// range checks that send nothing; and receivers that refuse, answer garbage or never answer.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "output/airplay/AirPlayService.h"
+#include "unit/support/Files.h"
+#include "util/Process.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+class SimReceiver {
+public:
+    explicit SimReceiver(double length = 10) {
+        m_process.start({"/usr/bin/python3", VELMORA_SOURCE_DIR "/sim/lib/simairplay.py", m_dir.path(), "--length",
+                         std::to_string(length)});
+        testsupport::eventually([&] { return testsupport::exists(m_dir.path() + "/port"); }, 10s);
+        m_port = std::atoi(testsupport::readFile(m_dir.path() + "/port").c_str());
+    }
+    int port() const { return m_port; }
+    // Each request since the last look as "METHOD PATH", then forgotten.
+    std::vector<std::string> takeRequests() {
+        std::vector<std::string> all = testsupport::readLines(m_dir.path() + "/requests.log");
+        std::vector<std::string> out;
+        for (size_t i = m_seen; i < all.size(); ++i) out.push_back(all[i]);
+        m_seen = all.size();
+        return out;
+    }
+    void setSwitches(const std::string& json) { testsupport::writeFile(m_dir.path() + "/switches.json", json); }
+
+private:
+    testsupport::TempDir m_dir{"velmora-airplay"};
+    Subprocess m_process;
+    int m_port = 0;
+    size_t m_seen = 0;
+};
+
+// The request lines of the receiver's log carry method, path, content type, agent and body.
+bool has(const std::string& line, const std::string& field) { return line.find(field) != std::string::npos; }
+
+class AirPlayServiceTest : public ::testing::Test {
+protected:
+    void SetUp() override { CurlWrapper::setTimeouts(2000ms, 3000ms); }
+    void TearDown() override { CurlWrapper::setTimeouts(3000ms, 5000ms); }
+};
+
+TEST_F(AirPlayServiceTest, EachOperationIsOneRequestOfItsOwnShape) {
+    SimReceiver rx(120.5);
+    AirPlayService service("uuid:tv", "127.0.0.1", rx.port(), "TV");
+    Response r;
+
+    ASSERT_EQ(service.getPosInfo(r), 0);
+    EXPECT_EQ(r.m_response, 405) << "an idle receiver";
+
+    ASSERT_EQ(service.setContentUrl(r, "http://10.0.0.2:8080/a b/Ünïcode \"q\".mp4"), 0);
+    EXPECT_EQ(r.m_response, 200);
+    ASSERT_EQ(service.seek(r, 33.25f), 0);
+    ASSERT_EQ(service.getPosInfo(r), 0);  // a status after a seek is a GET again
+    EXPECT_FLOAT_EQ(r.m_duration, 120.5f);
+    EXPECT_GE(r.m_position, 33.25f);
+    ASSERT_EQ(service.pause(r), 0);
+    ASSERT_EQ(service.play(r), 0);
+    ASSERT_EQ(service.stop(r), 0);
+
+    std::vector<std::string> seen = rx.takeRequests();
+    ASSERT_EQ(seen.size(), 7u);
+    EXPECT_TRUE(has(seen[0], R"("method": "GET", "path": "/scrub")"));
+    EXPECT_TRUE(has(seen[1], R"("method": "POST", "path": "/play", "type": "text/parameters")"));
+    // Lines end in LF only, and the URL arrives intact.
+    EXPECT_TRUE(has(seen[1], R"("body": "Content-Location: http://10.0.0.2:8080/a b/Ünïcode \"q\".mp4\nStart-Position: 0.0\n")"))
+        << seen[1];
+    EXPECT_TRUE(has(seen[2], R"("method": "POST", "path": "/scrub?position=33.25")"));
+    EXPECT_TRUE(has(seen[3], R"("method": "GET", "path": "/scrub")"));
+    EXPECT_TRUE(has(seen[3], R"("size": 0)")) << "nothing of the seek's body carried over";
+    EXPECT_TRUE(has(seen[4], R"("method": "POST", "path": "/rate?value=0")"));
+    EXPECT_TRUE(has(seen[5], R"("method": "POST", "path": "/rate?value=1")"));
+    EXPECT_TRUE(has(seen[6], R"("method": "POST", "path": "/stop")"));
+    for (const auto& line : seen) EXPECT_TRUE(has(line, R"("agent": "MediaControl/1.0")")) << line;
+}
+
+TEST_F(AirPlayServiceTest, PhotoIsUploadedAndTheNextRequestIsNoUpload) {
+    SimReceiver rx;
+    testsupport::TempDir dir("velmora-photo");
+    const std::string photo = dir.path() + "/a photo.jpg";
+    ASSERT_TRUE(testsupport::writeFile(photo, std::string(5000, 'x')));
+    AirPlayService service("uuid:tv", "127.0.0.1", rx.port(), "TV");
+    Response r;
+    ASSERT_EQ(service.playPhoto(r, photo), 0);
+    ASSERT_EQ(service.getPosInfo(r), 0);
+    EXPECT_EQ(service.playPhoto(r, dir.path() + "/missing.jpg"), -1);
+
+    std::vector<std::string> seen = rx.takeRequests();
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_TRUE(has(seen[0], R"("method": "PUT", "path": "/photo")"));
+    EXPECT_TRUE(has(seen[0], R"("size": 5000)"));
+    EXPECT_TRUE(has(seen[1], R"("method": "GET", "path": "/scrub")"));
+}
+
+TEST_F(AirPlayServiceTest, OutOfRangeValuesAndAMissingAddressSendNothing) {
+    SimReceiver rx;
+    AirPlayService service("uuid:tv", "127.0.0.1", rx.port(), "TV");
+    CurlWrapper curl;
+    Response r;
+    EXPECT_EQ(curl.airplayPostRate(r, 1.5f), -1);
+    EXPECT_EQ(curl.airplayPostRate(r, -0.1f), -1);
+    EXPECT_EQ(service.seek(r, -1.0f), -1);
+    curl.setIp("127.0.0.1");
+    curl.setPort(0);  // stored, but no request goes out with it
+    curl.prepareUrl();
+    EXPECT_FALSE(curl.check());
+    EXPECT_EQ(curl.airplayGetScrub(r), -1);
+    curl.setPort(-5);
+    EXPECT_EQ(curl.getPort(), 0);
+    EXPECT_TRUE(rx.takeRequests().empty());
+
+    EXPECT_EQ(Response::fToString(1.0f), "1");
+    EXPECT_EQ(Response::fToString(0.5f), "0.5");
+}
+
+TEST_F(AirPlayServiceTest, RefusingSilentAndAbsentReceiversFailWithinTheTimeOut) {
+    SimReceiver rx;
+    AirPlayService service("uuid:tv", "127.0.0.1", rx.port(), "TV");
+    Response r;
+    rx.setSwitches(R"({"password": true})");
+    ASSERT_EQ(service.setContentUrl(r, "http://x/y"), 0);
+    EXPECT_EQ(r.m_response, 401) << "the status is the player's to judge";
+
+    rx.setSwitches(R"({"huge": true})");
+    EXPECT_EQ(service.getPosInfo(r), -1) << "an answer past the cap is not kept";
+
+    rx.setSwitches(R"({"silent": true})");
+    auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(service.getPosInfo(r), -1);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 30s);
+
+    // Nobody listens on the port any more.
+    AirPlayService gone("uuid:tv", "127.0.0.1", 1, "TV");
+    EXPECT_EQ(gone.stop(r), -1);
+}
+
+}  // namespace
