@@ -2,6 +2,7 @@
 
 #include <iterator>
 
+#include "output/airplay/CAirplayPlayer.h"
 #include "output/dlna/CDlnaPlayer.h"
 #include "output/mpd/CAlsaPlayer.h"
 #include "player/PlayerTypes.h"
@@ -12,6 +13,7 @@ namespace {
 // In the order a render's bits are tried.
 const BackendRow kRows[] = {
     {"dlna", playertype::kDlna, &CDlnaPlayer::create, nullptr},
+    {"airplay", playertype::kAirplay, &CAirplayPlayer::create, nullptr},
     {"mpd", playertype::kAlsa, &CAlsaPlayer::create, &CAlsaPlayer::setAttributesWithoutPlayer},
 };
 

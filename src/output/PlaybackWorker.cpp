@@ -277,8 +277,6 @@ void PlaybackWorker::pass() {
             ++m_refusedInRow;
             lock.unlock();
             advance(true);
-        } else {
-            m_refusedInRow = 0;
         }
     }
     bool follow;
@@ -293,10 +291,18 @@ void PlaybackWorker::pass() {
         m_inTrackStep = false;
         if (m_command != Command::None) return;
         switch (result) {
-            case DeviceSteps::Follow::Playing: break;
+            case DeviceSteps::Follow::Playing:
+                m_refusedInRow = 0;  // it plays: the refusals in a row end here
+                break;
             case DeviceSteps::Follow::Over:
+                m_refusedInRow = 0;
                 lock.unlock();
                 advance(false);
+                break;
+            case DeviceSteps::Follow::Refused:
+                ++m_refusedInRow;
+                lock.unlock();
+                advance(true);
                 break;
             case DeviceSteps::Follow::PausedOutside: enterPaused(lock); return;
             case DeviceSteps::Follow::StoppedOutside: enterStopped(lock, true); return;

@@ -39,6 +39,7 @@ public:
         Over,            // the track ended (or gave up): move on by the play mode
         PausedOutside,   // someone paused the device itself
         StoppedOutside,  // someone stopped the device itself
+        Refused,         // the device took the track but never played it: a refusal after all
     };
 
     virtual ~DeviceSteps() = default;

@@ -18,6 +18,7 @@ struct renderCacheInfo_s {
     std::string IP;
     std::string card;    // local outputs: the sound card isSndDevBusy checks
     std::string device;  // local outputs: the PCM device
+    std::string authMethod;  // AirPlay receivers: the authentication they ask for ("" none)
     uint8_t found = 0;
     int32_t failures = 0;
 };

@@ -8,38 +8,12 @@
 #include <vector>
 
 #include "output/airplay/AirPlayService.h"
-#include "unit/support/Files.h"
-#include "util/Process.h"
+#include "SimReceiver.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-class SimReceiver {
-public:
-    explicit SimReceiver(double length = 10) {
-        m_process.start({"/usr/bin/python3", VELMORA_SOURCE_DIR "/sim/lib/simairplay.py", m_dir.path(), "--length",
-                         std::to_string(length)});
-        testsupport::eventually([&] { return testsupport::exists(m_dir.path() + "/port"); }, 10s);
-        m_port = std::atoi(testsupport::readFile(m_dir.path() + "/port").c_str());
-    }
-    int port() const { return m_port; }
-    // Each request since the last look as "METHOD PATH", then forgotten.
-    std::vector<std::string> takeRequests() {
-        std::vector<std::string> all = testsupport::readLines(m_dir.path() + "/requests.log");
-        std::vector<std::string> out;
-        for (size_t i = m_seen; i < all.size(); ++i) out.push_back(all[i]);
-        m_seen = all.size();
-        return out;
-    }
-    void setSwitches(const std::string& json) { testsupport::writeFile(m_dir.path() + "/switches.json", json); }
-
-private:
-    testsupport::TempDir m_dir{"velmora-airplay"};
-    Subprocess m_process;
-    int m_port = 0;
-    size_t m_seen = 0;
-};
+using airplaytest::SimReceiver;
 
 // The request lines of the receiver's log carry method, path, content type, agent and body.
 bool has(const std::string& line, const std::string& field) { return line.find(field) != std::string::npos; }

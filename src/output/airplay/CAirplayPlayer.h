@@ -1,0 +1,81 @@
+// CAirplayPlayer: plays a player's queue on one AirPlay video and photo receiver. Each track is
+// handed over as a URL the receiver fetches from the appliance's media server (POST /play),
+// followed by one status request a pass (GET /scrub: position and duration); photos are
+// uploaded (PUT /photo) and shown for the slide-show delay. A receiver that wants a password
+// (it answers 401 or 403, or was listed with an authentication method) is driven through the
+// platform's AirPlay script instead, for the rest of the player's life.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "output/CDevicePlayer.h"
+#include "output/airplay/AirPlayService.h"
+#include "player/PlayerBackends.h"
+#include "playlist/PlaylistTypes.h"
+
+class CAirplayPlayer : public CDevicePlayer {
+public:
+    CAirplayPlayer(uint32_t type, const std::string& renderID, const std::string& deviceName,
+                   const std::string& playlistTitle, const std::string& appType, const std::string& ip, int port,
+                   const std::string& authMethod);
+    ~CAirplayPlayer() override;
+
+    // The back-end table's row.
+    static std::unique_ptr<CPlayer> create(const std::string& renderID, const renderCacheInfo_s& render,
+                                           const std::string& playlistTitle, const std::string& appType,
+                                           int& result);
+
+    // hh:mm:ss within the current track; 0 while stopped, -1 when the receiver refuses.
+    int seek(const char* hhmmss) override;
+    int setAudioAndSubtitle(const char* externalSubtitle, int audioTrack, int subtitleTrack, const char* position,
+                            const char* sseek, const char* ssize, const char* scolor, const char* sencoding,
+                            const char* realSubtitlePath, int autoSubtitle) override;
+    PlayerTraits traits() const override;
+
+    bool usesScript() const { return m_useScript.load(); }
+
+    // The worker's pass (1 s on the appliance) and the settling time after a reload (1 s);
+    // tests shorten them.
+    static void setTick(std::chrono::milliseconds tick);
+    static void setSettleDelay(std::chrono::milliseconds delay);
+
+protected:
+    Start startTrack(bool afterAdvance) override;
+    Follow followTrack() override;
+    void pauseDevice() override;
+    bool resumeDevice() override;
+    void stopDevice(bool force) override;
+    std::chrono::milliseconds passPeriod() const override;
+    void debugDetails(std::string& out) override;
+
+private:
+    // One status from the receiver; false when it did not answer.
+    bool poll(float& position, float& duration);
+    // Notes a receiver that asks for a password: from then on the script drives it.
+    void judge(const Response& response);
+    std::string mediaUrl(const playlistElm_s& elm);
+    std::string photoPath(const playlistElm_s& elm);
+    std::string netInterface();
+    Follow followPhoto();
+    // The service, with the address the player was last given (a revived player gets a new one).
+    AirPlayService& service();
+
+    std::mutex m_serviceMutex;  // guards the service's address update against seek()
+    AirPlayService m_service;
+    std::string m_serviceIp;   // guarded by m_serviceMutex
+    const int m_port;
+    std::atomic<bool> m_useScript{false};
+
+    // The worker's own, per track.
+    bool m_photo = false;
+    int m_delayCount = 0;
+    std::atomic<int> m_unanswered{0};  // passes in a row without an answer (atomic for the dump)
+    int m_idlePasses = 0;   // passes since /play without a position
+    bool m_seenPlaying = false;
+    float m_lastPosition = 0;
+    float m_lastDuration = 0;
+};

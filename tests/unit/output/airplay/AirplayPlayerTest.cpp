@@ -1,0 +1,118 @@
+// The AirPlay player on the simulated appliance (media agent for the URLs) against a simulated
+// receiver over real HTTP: a queue plays through and wraps by the play mode, pause, seek and
+// stop reach the receiver, a receiver that wants a password is driven through the script, and
+// a receiver stopped from its remote or gone from the network stops the player.
+#include <gtest/gtest.h>
+
+#include "SimReceiver.h"
+#include "output/airplay/CAirplayPlayer.h"
+#include "player/PlayerTypes.h"
+#include "unit/support/SimRoot.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using airplaytest::SimReceiver;
+
+class AirplayPlayerTest : public testsupport::ThreadCheckedTest {
+protected:
+    void SetUp() override {
+        ThreadCheckedTest::SetUp();
+        CAirplayPlayer::setTick(50ms);
+        CAirplayPlayer::setSettleDelay(0ms);
+        CurlWrapper::setTimeouts(1000ms, 2000ms);
+    }
+    void TearDown() override {
+        CAirplayPlayer::setTick(1000ms);
+        CAirplayPlayer::setSettleDelay(1000ms);
+        CurlWrapper::setTimeouts(3000ms, 5000ms);
+        ThreadCheckedTest::TearDown();
+    }
+    static void makePlaylist(const char* title, const std::vector<std::pair<mediaType_e, const char*>>& objects) {
+        ASSERT_EQ(playlistStore().addPlaylist(title, MEDIA_MIXED_E, "video", "admin", "test"), 0);
+        for (const auto& [media, id] : objects)
+            ASSERT_EQ(playlistStore().addElmInPlaylist(title, media, CONTENT_OBJECT_E, "video", id, -1), 0);
+    }
+    std::unique_ptr<CAirplayPlayer> player(const SimReceiver& rx, const char* title, const std::string& auth = "") {
+        return std::make_unique<CAirplayPlayer>(playertype::kAirplay | playertype::kCapVideo, "AA:BB:CC:00:11:22",
+                                                "Bedroom TV", title, "video", "127.0.0.1", rx.port(), auth);
+    }
+    static bool waitFor(const std::function<bool()>& done) { return testsupport::eventually(done, 15s, 10ms); }
+};
+
+TEST_F(AirplayPlayerTest, AQueuePlaysThroughInNormalAndWrapsInRepeat) {
+    SimReceiver rx(1.0);
+    makePlaylist("trip", {{MEDIA_VIDEO_E, "vi_201"}, {MEDIA_AUDIO_E, "mu_101"}, {MEDIA_PHOTO_E, "ph_301"}});
+    auto p = player(rx, "trip");
+    p->setSlideShowDelay(1);
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return rx.count(R"("path": "/photo")") == 1 && p->getPlayerState() == STATE_STOP_E; }));
+    EXPECT_EQ(rx.count(R"("path": "/play")"), 2u);
+    EXPECT_EQ(rx.count("/media/vi_201.mp4"), 1u) << "the agent's URL for the receiver";
+    EXPECT_EQ(rx.count("/media/mu_101.mp3"), 1u);
+    EXPECT_GE(rx.count(R"("path": "/stop")"), 1u);
+    EXPECT_EQ(p->getCurrTime(), "00:00:00");
+
+    rx.takeRequests();
+    p->setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return rx.count("/media/vi_201.mp4") >= 3; })) << "did not wrap";
+    EXPECT_EQ(p->stop(true), 0);
+}
+
+TEST_F(AirplayPlayerTest, PauseSeekAndStopReachTheReceiver) {
+    SimReceiver rx(60.0);
+    makePlaylist("film", {{MEDIA_VIDEO_E, "vi_201"}});
+    auto p = player(rx, "film");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getTotalTimeSecond() == 60 && p->getPlayerState() == STATE_PLAY_E; }));
+    ASSERT_EQ(p->pause(), 0);
+    EXPECT_EQ(p->getPlayerState(), STATE_PAUSE_E);
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_EQ(p->seek("00:00:30"), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 30; }));
+    ASSERT_EQ(p->stop(true), 0);
+    EXPECT_EQ(rx.count(R"("method": "POST", "path": "/rate?value=0")"), 1u);
+    EXPECT_EQ(rx.count(R"("method": "POST", "path": "/rate?value=1")"), 1u);
+    EXPECT_EQ(rx.count(R"("method": "POST", "path": "/scrub?position=30")"), 1u);
+    EXPECT_EQ(rx.count(R"("method": "POST", "path": "/stop")"), 2u) << "the first pass stops it, then stop()";
+    EXPECT_EQ(p->getVolume(), -1);
+}
+
+TEST_F(AirplayPlayerTest, AReceiverThatWantsAPasswordIsDrivenThroughTheScript) {
+    SimReceiver rx(60.0);
+    rx.setSwitches(R"({"password": true})");
+    makePlaylist("film", {{MEDIA_VIDEO_E, "vi_201"}});
+    auto p = player(rx, "film");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return callLog.count("php", {"-c=status"}) >= 2; }));
+    EXPECT_TRUE(p->usesScript());
+    EXPECT_EQ(callLog.count("php", {"-c=play", "-d=AA:BB:CC:00:11:22"}), 1);
+    EXPECT_EQ(p->getPlayerState(), STATE_PLAY_E);
+    ASSERT_EQ(p->stop(true), 0);
+    EXPECT_EQ(callLog.count("php", {"-c=stop"}), 1);
+
+    // Listed with an authentication method: the script from the start.
+    SimReceiver open(60.0);
+    auto listed = player(open, "film", "Passcode");
+    EXPECT_TRUE(listed->usesScript());
+}
+
+TEST_F(AirplayPlayerTest, StoppedFromOutsideOrGoneTheReceiverStopsThePlayer) {
+    SimReceiver rx(60.0);
+    makePlaylist("film", {{MEDIA_VIDEO_E, "vi_201"}});
+    auto p = player(rx, "film");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getTotalTimeSecond() == 60; }));
+    rx.setSwitches(R"({"outside": "stop"})");
+    ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
+    EXPECT_EQ(rx.count("/media/vi_201.mp4"), 1u) << "stopped, not moved on";
+
+    rx.setSwitches("{}");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getTotalTimeSecond() == 60; }));
+    rx.vanish();
+    ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
+}
+
+}  // namespace
