@@ -44,6 +44,59 @@ const txtKey_s kChromecastKeys[] = {
     {0, nullptr, nullptr},
 };
 
+// The service type each listing browses; a line of another type is not used.
+const char* serviceTypeOf(int kind) {
+    switch (kind) {
+        case AVAHI_AIRPLAY_E: return "_airplay._tcp";
+        case AVAHI_RAOP_E: return "_raop._tcp";
+        case AVAHI_CHROMECAST_E: return "_googlecast._tcp";
+        default: return "";
+    }
+}
+
+constexpr size_t kNameMax = 255;  // a longer service name is not a receiver's
+
+// Whether an AirPlay receiver plays video: bit 0 of its features ("0xLOW" or "0xLOW,0xHIGH").
+// No features: taken as a video receiver; unreadable ones: false, with why.
+bool airplayPlaysVideo(const std::string& line, const std::string& name) {
+    std::string features;
+    if (!avahiTxtValue(line, "features", 64, features)) return true;
+    const std::string low = features.substr(0, features.find(','));
+    char* end = nullptr;
+    const unsigned long bits = std::strtoul(low.c_str(), &end, 16);
+    if (low.size() < 3 || low.compare(0, 2, "0x") != 0 || !end || *end) {
+        LOG_WARN("%s: unreadable features \"%s\"; not listed", name.c_str(), features.c_str());
+        return false;
+    }
+    if (!(bits & 1)) LOG_TRACE("%s: no video; left to the audio listing", name.c_str());
+    return (bits & 1) != 0;
+}
+
+// One value of a TXT list ("cn=0,1,2") in it?
+bool listHas(const std::string& list, const char* value) {
+    std::string_view rest(list);
+    while (true) {
+        const size_t comma = rest.find(',');
+        if (rest.substr(0, comma) == value) return true;
+        if (comma == std::string_view::npos) return false;
+        rest.remove_prefix(comma + 1);
+    }
+}
+
+// A speaker's audio formats and encryption as the render cache wants them: "pcm" when it
+// takes PCM (0) else the list as given; "rsa" (1), "none" (0) or "notSupport".
+void addRaopType(XMLNode& device, const std::string& line, const std::string& port) {
+    std::string cn;
+    std::string et;
+    avahiTxtValue(line, "cn", 64, cn);
+    avahiTxtValue(line, "et", 64, et);
+    XMLNode type = add_child_node(device, "type", "audio");
+    type.addAttribute("protocol", "raop");
+    type.addAttribute("port", port.c_str());
+    type.addAttribute("cn", listHas(cn, "0") ? "pcm" : cn.c_str());
+    type.addAttribute("et", listHas(et, "1") ? "rsa" : listHas(et, "0") ? "none" : "notSupport");
+}
+
 const txtKey_s* keysFor(int kind) {
     if (kind == AVAHI_AIRPLAY_E) return kAirplayKeys;
     if (kind == AVAHI_CHROMECAST_E) return kChromecastKeys;
@@ -174,6 +227,7 @@ int parseDevices(const std::string& text, XMLNode& reply, int kind) {
         // 0 event, 1 interface, 2 protocol, 3 name, 4 type, 5 domain, 6 host, 7 address, 8 port, 9 TXT
         const std::vector<std::string_view> f = splitFields(line, 10);
         if (f.size() < 9 || f[0] != "=") continue;
+        if (f[4] != serviceTypeOf(kind)) continue;  // another browse's line
         const std::string rawName(f[3]);
         const std::string address(f[7]);
         const std::string port(f[8]);
@@ -182,6 +236,22 @@ int parseDevices(const std::string& text, XMLNode& reply, int kind) {
         XMLNode device = XMLNode::createXMLTopNode("device");
         std::string name;
         decodeAvahi(rawName.c_str(), name);
+        if (name.size() > kNameMax) {
+            LOG_WARN("mDNS service name of %zu bytes; not listed", name.size());
+            continue;
+        }
+        if (kind == AVAHI_AIRPLAY_E && !airplayPlaysVideo(line, name)) continue;
+        std::string raopId;
+        if (kind == AVAHI_RAOP_E) {
+            // A speaker's service name is "MAC@Name".
+            const size_t at = name.find('@');
+            if (at == std::string::npos || at == 0 || at + 1 == name.size()) {
+                LOG_WARN("%s: not a speaker's name; not listed", name.c_str());
+                continue;
+            }
+            raopId = name.substr(0, at);
+            name.erase(0, at + 1);
+        }
         XMLNode nameNode = add_child_node(device, "deviceName", name.empty() ? nullptr : name.c_str());
 
         bool repeated = false;
@@ -206,10 +276,9 @@ int parseDevices(const std::string& text, XMLNode& reply, int kind) {
         const char* model = device.getChildNode("model").getText();
         if (kind == AVAHI_RAOP_E) {
             device.addAttribute("Type", "Raop");
-            XMLNode type = device.addChild("type");
-            type.addAttribute("protocol", "raop");
-            type.addAttribute("port", port.c_str());
-            LOG_WARN("Not implement finish");
+            add_child_node(device, "deviceId", raopId.c_str());
+            addRaopType(device, line, port);
+            add_child_node(device, "icon", "v3_menu/multizone/airplay");
         } else if (kind == AVAHI_AIRPLAY_E) {
             device.addAttribute("Type", "AirPlay");
             XMLNode type = add_child_node(device, "type",
@@ -237,7 +306,28 @@ int gen_avahi_device(int kind, const std::string& text, XMLNode& reply) {
     const std::string body = text.substr(0, text.size() - 1);
     if (kind == 0) return parseDevices(body, reply, AVAHI_AIRPLAY_E);
     if (kind == 1) return parseDevices(body, reply, AVAHI_CHROMECAST_E);
+    if (kind == 2) return parseDevices(body, reply, AVAHI_RAOP_E);
     return -1;
+}
+
+void dropSpeakersListedAsAirplay(XMLNode& reply) {
+    std::set<std::string> airplay;
+    auto upper = [](std::string text) {
+        for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        return text;
+    };
+    for (int i = 0; i < reply.nChildNode("device"); ++i) {
+        XMLNode dev = reply.getChildNode("device", i);
+        const char* kind = dev.getAttribute("Type");
+        const char* id = dev.getChildNode("deviceId").getText();
+        if (kind && id && std::strcmp(kind, "AirPlay") == 0) airplay.insert(upper(id));
+    }
+    for (int i = reply.nChildNode("device") - 1; i >= 0; --i) {
+        XMLNode dev = reply.getChildNode("device", i);
+        const char* kind = dev.getAttribute("Type");
+        const char* id = dev.getChildNode("deviceId").getText();
+        if (kind && id && std::strcmp(kind, "Raop") == 0 && airplay.count(upper(id))) dev.deleteNodeContent();
+    }
 }
 
 std::vector<std::string> parseUnknowRenderNames(const std::string& text) {

@@ -21,18 +21,24 @@ enum avahiKind_e {
     AVAHI_CHROMECAST_E = 4,
 };
 
-// kind 0: AirPlay services, kind 1: Chromecast receivers. The text's last character (the
+// kind 0: AirPlay video receivers, kind 1: Chromecast receivers, kind 2: AirPlay speakers. The text's last character (the
 // browse output's final newline) is not parsed. 0 for empty text, else parseDevices' result,
 // -1 for an unknown kind.
 int gen_avahi_device(int kind, const std::string& text, XMLNode& reply);
 
-// Appends one <device> per resolved, not yet seen (name, address) line of text to reply.
+// Appends one <device> per resolved, not yet seen (name, address) line of text to reply; lines
+// of another service type than the kind's, and services that are not of the kind (an AirPlay
+// receiver without video, a speaker name without its MAC, an over-long name), are left out.
 // -1 for empty text, else 0.
 int parseDevices(const std::string& text, XMLNode& reply, int kind);
 
 // Adds the elements read from a service's TXT records ("key=value" in double quotes) to device.
 // 1 for empty text, -1 when the record repeats the device id, 0 otherwise.
 int parseAvahiTxt(const char* txt, XMLNode& device, int kind);
+
+// Removes the speakers (Type "Raop") whose MAC an AirPlay video receiver of the same listing
+// has: one device is listed once.
+void dropSpeakersListedAsAirplay(XMLNode& reply);
 
 // Undoes avahi's escaping of service names (\DDD decimal bytes, \c for c) into dst.
 // 1 for null or empty src, else 0.

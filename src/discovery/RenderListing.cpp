@@ -41,7 +41,9 @@ struct listingCache_s {
     std::optional<time_t> lastRefresh;
     bool refreshed = false;  // whether the current listing ran the programs
     std::string agentList;   // the media agent's renderer list
-    std::string castBrowse;  // the resolved Chromecast lines of avahi-browse
+    std::string castBrowse;     // the resolved lines of avahi-browse: Chromecast receivers,
+    std::string airplayBrowse;  // AirPlay video receivers,
+    std::string raopBrowse;     // and AirPlay speakers
     Clock clock = nullptr;
 
     time_t now() const { return clock ? clock() : ::time(nullptr); }
@@ -134,6 +136,11 @@ void updateRenderCache(CPlayerManager& playerManager, XMLNode& reply) {
             if (!cn || std::strcmp(cn, "pcm") != 0 || !et || std::strcmp(et, "notSupport") == 0) continue;
             playerManager.addRenderInCache(id, name, ip, type, et, std::atoi(xmltoa(typeNode.getAttribute("port"))),
                                            "", "");
+        } else if (type & kAirplay) {
+            // The advertised port; 7000 only when none is given.
+            const int port = std::atoi(xmltoa(typeNode.getAttribute("port")));
+            playerManager.addRenderInCache(id, name, ip, type, nullptr, port > 0 ? port : 7000, "", "",
+                                           xmltoa(dev.getChildNode("authMethod").getText()));
         } else if (type & kAlsa) {
             playerManager.addRenderInCache(id, name, ip, type, nullptr, 7000, xmltoa(dev.getAttribute("card")),
                                            xmltoa(dev.getAttribute("device")));
@@ -156,6 +163,8 @@ void resetCache() {
     cache.refreshed = false;
     cache.agentList.clear();
     cache.castBrowse.clear();
+    cache.airplayBrowse.clear();
+    cache.raopBrowse.clear();
 }
 
 }  // namespace renderlisting
@@ -191,18 +200,26 @@ int list_render(CPlayerManager& playerManager, XMLNode& request, XMLNode& answer
         }
         LOG_TRACE("using %ld sec for list DLNA", secondsSince(start));
 
-        // AirPlay receivers are not browsed: only the Chromecast bit asks for mDNS.
         start = ::time(nullptr);
+        // The resolved lines of one mDNS service type, browsed again only on a refresh.
+        auto browse = [&](const char* serviceType, std::string& kept) {
+            if (!cache.refreshed) return;
+            std::string out;
+            if (discovery::runListing({approot::path("/usr/sbin/avahi-browse"), "-rkpt", serviceType}, out) != 0)
+                LOG_ERR("avahi-browse %s ... fail", serviceType);
+            else
+                kept = discovery::keepLinesContaining(out, "=;");
+        };
+        if (modlEnabled && wanted(kFilterAirplay)) {
+            browse("_airplay._tcp", cache.airplayBrowse);
+            browse("_raop._tcp", cache.raopBrowse);
+            if (gen_avahi_device(0, cache.airplayBrowse, answer) != 0) LOG_ERR("Airplay ... fail");
+            if (gen_avahi_device(2, cache.raopBrowse, answer) != 0) LOG_ERR("Raop ... fail");
+            dropSpeakersListedAsAirplay(answer);
+        }
         if (modlEnabled && wanted(kFilterChromecast)) {
-            if (cache.refreshed) {
-                std::string out;
-                if (discovery::runListing(
-                        {approot::path("/usr/sbin/avahi-browse"), "-rkpt", "_googlecast._tcp"}, out) != 0)
-                    LOG_ERR("tessaly ... fail");
-                else
-                    cache.castBrowse = discovery::keepLinesContaining(out, "=;");
-            }
-            if (gen_avahi_device(1, cache.castBrowse, answer) != 0) LOG_ERR("Airplay ... fail");
+            browse("_googlecast._tcp", cache.castBrowse);
+            if (gen_avahi_device(1, cache.castBrowse, answer) != 0) LOG_ERR("Chromecast ... fail");
         }
         LOG_TRACE("using %ld sec for list airplay and chromecast", secondsSince(start));
 

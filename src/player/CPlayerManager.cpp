@@ -95,7 +95,7 @@ void CPlayerManager::retirePlayer_(size_t index) {
 
 void CPlayerManager::addRenderInCache(const char* renderID, const char* name, const char* ip, uint32_t type,
                                       const char* encryption, int port, const std::string& card,
-                                      const std::string& device) {
+                                      const std::string& device, const std::string& authMethod) {
     if (!renderID) return;
     renderCacheInfo_s& record = m_renderCache[renderID];
     record.type = type;
@@ -105,6 +105,7 @@ void CPlayerManager::addRenderInCache(const char* renderID, const char* name, co
     record.IP = ip ? ip : "";
     record.card = card;
     record.device = device;
+    record.authMethod = authMethod;
     record.found = 1;
     record.failures = 0;
 }
@@ -136,7 +137,9 @@ CPlayer* CPlayerManager::addPlayer_(int& result, const std::string& renderID, co
         CPlayer* player = it->get();
         {
             ThreadSingleLock playerLock(player->getLock());
-            player->setIP("");  // the revived player learns its address at the next listing
+            // The address the listing has now: it may have changed while the player was away.
+            renderCacheInfo_s render;
+            player->setIP(searchRenderInCache_(renderID, render) == 0 ? render.IP : std::string());
             player->monitor(true);  // watching stopped when it was retired
             if (!playlistTitle.empty() && !appType.empty()) player->setPlaylist(playlistTitle, appType);
         }

@@ -37,7 +37,8 @@ public:
 
     // Render cache; discovery holds the write lock around a refresh.
     void addRenderInCache(const char* renderID, const char* name, const char* ip, uint32_t type,
-                          const char* encryption, int port, const std::string& card, const std::string& device);
+                          const char* encryption, int port, const std::string& card, const std::string& device,
+                          const std::string& authMethod = "");
     void clearRenderFoundFlags_();
     int searchRenderInCache_(const std::string& renderID, renderCacheInfo_s& out) const;
 

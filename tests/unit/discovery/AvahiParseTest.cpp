@@ -88,3 +88,93 @@ TEST(GenAvahiDevice, DropsTheFinalNewline) {
     EXPECT_STREQ(childText(root.getChildNode("device", 0), "deviceName"), "Living Room TV");
     EXPECT_STREQ(childText(root.getChildNode("device", 1), "deviceName"), "Kitchen");
 }
+
+namespace {
+
+// Real receivers' lines: the TXT records in any order, names escaped as avahi prints them.
+std::string airplayLine(const std::string& name, const std::string& txt) {
+    return "=;eth0;IPv4;" + name + ";_airplay._tcp;local;tv.local;192.168.1.30;7000;" + txt;
+}
+std::string raopLine(const std::string& name, const std::string& txt) {
+    return "=;eth0;IPv4;" + name + ";_raop._tcp;local;amp.local;192.168.1.40;5000;" + txt;
+}
+
+}  // namespace
+
+TEST(ParseDevices, AirplayReceiversListOnlyWhenTheyPlayVideo) {
+    const struct {
+        std::string txt;
+        bool listed;
+    } cases[] = {
+        {R"("model=AppleTV3,2" "features=0x5A7FFFF7,0x1E" "deviceid=58:55:CA:1A:2B:3C" "pw=1")", true},
+        {R"("deviceid=58:55:CA:1A:2B:3D" "features=0x445F8A00,0x1C340")", false},  // audio only
+        {R"("deviceid=58:55:CA:1A:2B:3E" "features=garbage")", false},
+        {R"("deviceid=58:55:CA:1A:2B:3F" "model=Xbmc,1")", true},  // no features at all
+    };
+    for (const auto& c : cases) {
+        XMLNode root = reply();
+        ASSERT_EQ(parseDevices(airplayLine("Bedroom\\032TV", c.txt), root, AVAHI_AIRPLAY_E), 0);
+        EXPECT_EQ(root.nChildNode("device"), c.listed ? 1 : 0) << c.txt;
+    }
+    XMLNode root = reply();
+    parseDevices(airplayLine("Bedroom\\032TV", cases[0].txt), root, AVAHI_AIRPLAY_E);
+    XMLNode tv = root.getChildNode("device");
+    EXPECT_STREQ(tv.getAttribute("Type"), "AirPlay");
+    EXPECT_STREQ(childText(tv, "deviceName"), "Bedroom TV");
+    EXPECT_STREQ(childText(tv, "deviceId"), "5855CA1A2B3C");
+    EXPECT_STREQ(childText(tv, "authMethod"), "Password");
+    EXPECT_STREQ(childText(tv, "type"), "video,photo,audio");
+    EXPECT_STREQ(tv.getChildNode("type").getAttribute("port"), "7000");
+}
+
+TEST(ParseDevices, SpeakersSplitTheirNameAndStateFormatAndEncryption) {
+    const struct {
+        std::string name;
+        std::string txt;
+        const char* id;  // null: not listed
+        const char* deviceName;
+        const char* cn;
+        const char* et;
+    } cases[] = {
+        {"5855CA1A2B3C\\064Living\\032Room", R"("et=0,3,5" "cn=0,1,2,3" "tp=UDP")", "5855CA1A2B3C", "Living Room", "pcm",
+         "none"},
+        {"0011223344FF\\064K\\195\\188che", R"("cn=1,2" "et=1")", "0011223344FF", "Küche", "1,2", "rsa"},
+        {"AABBCCDDEEFF\\064Amp", R"("cn=0" "et=3,5")", "AABBCCDDEEFF", "Amp", "pcm", "notSupport"},
+        {"NoMacHere", R"("cn=0" "et=0")", nullptr, nullptr, nullptr, nullptr},
+        {std::string(300, 'x') + "\\064Long", R"("cn=0" "et=0")", nullptr, nullptr, nullptr, nullptr},
+    };
+    for (const auto& c : cases) {
+        XMLNode root = reply();
+        ASSERT_EQ(parseDevices(raopLine(c.name, c.txt), root, AVAHI_RAOP_E), 0);
+        if (!c.id) {
+            EXPECT_EQ(root.nChildNode("device"), 0) << c.name;
+            continue;
+        }
+        ASSERT_EQ(root.nChildNode("device"), 1) << c.name;
+        XMLNode dev = root.getChildNode("device");
+        EXPECT_STREQ(dev.getAttribute("Type"), "Raop");
+        EXPECT_STREQ(childText(dev, "deviceId"), c.id);
+        EXPECT_STREQ(childText(dev, "deviceName"), c.deviceName);
+        XMLNode type = dev.getChildNode("type");
+        EXPECT_STREQ(type.getText(), "audio");
+        EXPECT_STREQ(type.getAttribute("protocol"), "raop");
+        EXPECT_STREQ(type.getAttribute("port"), "5000");
+        EXPECT_STREQ(type.getAttribute("cn"), c.cn) << c.name;
+        EXPECT_STREQ(type.getAttribute("et"), c.et) << c.name;
+    }
+}
+
+TEST(ParseDevices, EachLineCountsOnlyForItsOwnServiceTypeAndADeviceIsListedOnce) {
+    const std::string tv = airplayLine("Bedroom\\032TV", R"("deviceid=58:55:ca:1a:2b:3c" "features=0x5A7FFFF7")");
+    const std::string sameTvAsSpeaker = raopLine("5855CA1A2B3C\\064Bedroom\\032TV", R"("cn=0" "et=1")");
+    const std::string speaker = raopLine("0011223344FF\\064Amp", R"("cn=0" "et=1")");
+    XMLNode root = reply();
+    // A speaker's line in the AirPlay browse is not an AirPlay receiver, nor the reverse.
+    ASSERT_EQ(parseDevices(tv + "\n" + speaker, root, AVAHI_AIRPLAY_E), 0);
+    ASSERT_EQ(parseDevices(sameTvAsSpeaker + "\n" + speaker + "\n" + tv, root, AVAHI_RAOP_E), 0);
+    EXPECT_EQ(root.nChildNode("device"), 3);
+    dropSpeakersListedAsAirplay(root);
+    ASSERT_EQ(root.nChildNode("device"), 2);
+    EXPECT_STREQ(root.getChildNode("device", 0).getAttribute("Type"), "AirPlay");
+    EXPECT_STREQ(childText(root.getChildNode("device", 1), "deviceId"), "0011223344FF");
+}
