@@ -110,7 +110,8 @@ TEST_F(ListRenderSimTest, ListsEverySourceAndFillsTheRenderCache) {
 
     // The exact command lines the platform programs received.
     EXPECT_EQ(calls("tessaly", "list"), 1);
-    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 1);
+    for (const char* type : {"_airplay._tcp", "_raop._tcp", "_googlecast._tcp"})
+        EXPECT_EQ(calls("avahi-browse", type), 1) << type;
     EXPECT_EQ(calls("mpc", "outputs"), 1);
     EXPECT_EQ(calls("yarrow", "Enable"), 1);
 }
@@ -122,7 +123,7 @@ TEST_F(ListRenderSimTest, AgentAndBrowseListingsAreReusedForTenSeconds) {
     s_now += 10;
     ASSERT_EQ(listRender(), 0);
     EXPECT_EQ(calls("tessaly", "list"), 1);
-    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 1);
+    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 3);
     EXPECT_EQ(calls("mpc", "outputs"), 2);  // local outputs are always asked afresh
     EXPECT_EQ(devices().count(kSpeakerId), 1u);
     EXPECT_EQ(devices().count(kKitchenCastId), 1u);  // the stored browse output is listed again
@@ -130,7 +131,7 @@ TEST_F(ListRenderSimTest, AgentAndBrowseListingsAreReusedForTenSeconds) {
     s_now += 1;
     ASSERT_EQ(listRender(), 0);
     EXPECT_EQ(calls("tessaly", "list"), 2);
-    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 2);
+    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 6);
     EXPECT_EQ(devices().count(kSpeakerId), 0u);
     // The vanished renderer stays cached, no longer marked as found.
     EXPECT_EQ(cached(kSpeakerId).found, 0);
@@ -240,7 +241,7 @@ TEST(RenderCacheRefresh, TypeAndCapabilityBits) {
     renderCacheInfo_s r;
     for (auto [id, type, port] : {std::tuple("uuid:den", kDlna | kCapVideo | kCapPhoto, 0),
                                   std::tuple("spdif", kAlsa | kCapAudio, 0), std::tuple("kk", kChromecast | kCapAudio, 7000),
-                                  std::tuple("0011", kAirplay | kCapVideo | kCapPhoto, 7000),
+                                  std::tuple("0011", kAirplay | kCapVideo | kCapPhoto, 7100),
                                   std::tuple("amp", kRaop | kCapAudio, 5000)}) {
         ASSERT_TRUE(cached(id, r)) << id;
         EXPECT_EQ(r.type, type) << id;
