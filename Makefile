@@ -23,7 +23,7 @@ build: deps
 
 # The daemon in the foreground on a freshly made simulated appliance.
 run: build
-	@sim/make-root --force $(RUN_ROOT) >/dev/null
+	@sim/make-root --force --receivers $(RUN_ROOT) >/dev/null
 	@echo "Velmora is starting on the simulated appliance $(RUN_ROOT)"
 	@echo "In a second terminal:"
 	@echo "  $(BUILD)/velmoractl --root $(RUN_ROOT) echo"

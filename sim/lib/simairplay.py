@@ -3,7 +3,8 @@
 
     simairplay.py STATE_DIR [--port N] [--length SECONDS]
 
-Writes STATE_DIR/port once it listens (N=0: a free port), appends one JSON line
+Writes STATE_DIR/pid and STATE_DIR/port once it listens (N=0: a free port) and
+ends by itself once STATE_DIR is removed (a test's root going away); appends one JSON line
 per request to STATE_DIR/requests.log ({"method", "path", "type", "agent",
 "body", "size"}; a photo's body is given by its size only), and plays what
 /play hands it: the position advances with real time at the rate set by
@@ -153,6 +154,8 @@ def main(argv):
     port = int(argv[argv.index("--port") + 1]) if "--port" in argv else 0
     length = float(argv[argv.index("--length") + 1]) if "--length" in argv else 10.0
     os.makedirs(state_dir, exist_ok=True)
+    with open(os.path.join(state_dir, "pid"), "w") as f:
+        f.write(str(os.getpid()))
     Handler.receiver = Receiver(state_dir, length)
     server = ThreadingHTTPServer(("127.0.0.1", port), Handler)
     server.daemon_threads = True
@@ -160,8 +163,46 @@ def main(argv):
     with open(tmp, "w") as f:
         f.write(str(server.server_address[1]))
     os.replace(tmp, os.path.join(state_dir, "port"))
+
+    def watch():
+        while os.path.isdir(state_dir):
+            time.sleep(1)
+        os._exit(0)
+
+    threading.Thread(target=watch, daemon=True).start()
     server.serve_forever()
 
 
 if __name__ == "__main__":
     main(sys.argv)
+
+
+def ensure_running(state_dir, length=10.0, wait=5.0):
+    """The port of the receiver of STATE_DIR, started (detached, in a session of its
+    own) when it does not run yet; None when it does not come up in time."""
+    import subprocess
+    os.makedirs(state_dir, exist_ok=True)
+    try:
+        with open(os.path.join(state_dir, "pid")) as f:
+            os.kill(int(f.read()), 0)
+        with open(os.path.join(state_dir, "port")) as f:
+            return int(f.read())
+    except (OSError, ValueError):
+        pass
+    for name in ("port", "pid"):
+        try:
+            os.unlink(os.path.join(state_dir, name))
+        except OSError:
+            pass
+    subprocess.Popen([sys.executable or "/usr/bin/python3", os.path.abspath(__file__), state_dir,
+                      "--length", str(length)],
+                     stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                     start_new_session=True, close_fds=True)
+    deadline = time.monotonic() + wait
+    while time.monotonic() < deadline:
+        try:
+            with open(os.path.join(state_dir, "port")) as f:
+                return int(f.read())
+        except (OSError, ValueError):
+            time.sleep(0.02)
+    return None
