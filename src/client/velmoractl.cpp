@@ -11,7 +11,7 @@
 
 #include "client/BatchFile.h"
 #include "client/VelmoraClient.h"
-#include "protocol/ResultCodes.h"
+#include "util/ResultCodes.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "command/CoreCommands.h"
 
-#include "protocol/ResultCodes.h"
+#include "util/ResultCodes.h"
 #include "util/Log.h"
 #include "protocol/ParamXmlWrapper.h"
 #include "player/CPlayerManager.h"

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "protocol/RequestParams.h"
-#include "protocol/ResultCodes.h"
+#include "util/ResultCodes.h"
 #include "command/StatusCache.h"
 #include "util/Log.h"
 #include "protocol/ParamXmlWrapper.h"

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "protocol/RequestParams.h"
-#include "protocol/ResultCodes.h"
+#include "util/ResultCodes.h"
 #include "util/AppRoot.h"
 #include "util/Log.h"
 #include "util/PathUtil.h"
@@ -350,7 +350,7 @@ int batch_add_playlist(CPlayerManager& playerManager, XMLNode& request, XMLNode&
     int insertAt = size;
     if (start != 0 && start < size && store.adjustPlayOrder(id, start, n) == 0) insertAt = start;
 
-    store.transBegin();
+    PlaylistBatch batchTransaction(store);
     int index = 0;
     int cursor = 0;  // walks the items once: a batch may hold tens of thousands
     for (XMLNode item = batch.getChildNode("item", &cursor); !item.isEmpty(); item = batch.getChildNode("item", &cursor)) {
@@ -364,7 +364,7 @@ int batch_add_playlist(CPlayerManager& playerManager, XMLNode& request, XMLNode&
         }
         ++index;
     }
-    store.transEnd();
+    batchTransaction.end();
 
     playerManager.updateAssociatePlayQueue(id);
     removeBatchFile(filePath);

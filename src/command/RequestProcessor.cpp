@@ -11,7 +11,7 @@
 #include "command/CommandTable.h"
 #include "ipc/Framing.h"
 #include "ipc/RequestIO.h"
-#include "protocol/ResultCodes.h"
+#include "util/ResultCodes.h"
 #include "util/Log.h"
 #include "util/Version.h"
 #include "protocol/ParamXmlWrapper.h"

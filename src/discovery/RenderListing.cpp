@@ -90,7 +90,7 @@ bool isModlEnabled() {
 void updateRenderCache(CPlayerManager& playerManager, XMLNode& reply) {
     using namespace playertype;
     ThreadWriteLock lock(playerManager.getRWLock());
-    playerManager.clearRenderFoundFlags_();
+    playerManager.clearRenderFoundFlagsLocked();
 
     int i = 0;
     for (XMLNode dev = reply.getChildNode("device", &i); !dev.isEmpty(); dev = reply.getChildNode("device", &i)) {

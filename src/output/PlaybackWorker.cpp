@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "player/CPlayer.h"
+#include "thread/ThreadLock.h"
 #include "util/Log.h"
 
 PlaybackWorker::PlaybackWorker(CPlayer& player, DeviceSteps& steps, std::chrono::milliseconds commandWait)
@@ -106,7 +107,7 @@ int PlaybackWorker::skip(int delta) {
         std::lock_guard lock(m_mutex);
         if (m_phase == Phase::Stopped && !m_steps.skipWhileStoppedPlays()) return 0;
     }
-    if (m_player.getPlaylistSize() == 0 || !m_player.stepCurrTrackIndex_(delta)) return -1;
+    if (m_player.getPlaylistSize() == 0 || !m_player.stepCurrTrackIndex(delta)) return -1;
     LOG_TRACE("%s: %s -> entry %lu", delta > 0 ? "next()" : "previous()", m_player.getDeviceName().c_str(),
               static_cast<unsigned long>(m_player.getCurrTrackIndex()));
     return submit(Command::Skip, true, delta > 0 ? "next()" : "previous()");
@@ -183,9 +184,8 @@ void PlaybackWorker::run() {
         if (m_command != Command::None) execute(lock);
         else if (m_phase != Phase::Playing) park(lock);
         else {
-            lock.unlock();
+            ScopeUnlock unlocked(lock);
             pass();
-            lock.lock();
         }
     }
 }
@@ -198,10 +198,12 @@ void PlaybackWorker::execute(std::unique_lock<std::mutex>& lock) {
         case Command::Play:
             if (m_phase == Phase::Paused && m_trackStarted) {
                 // Resume where the device paused rather than starting the track again.
-                lock.unlock();
-                const bool resumed = m_steps.resumeDevice();
-                if (resumed) m_player.setPlayerState(STATE_PLAY_E);
-                lock.lock();
+                bool resumed;
+                {
+                    ScopeUnlock unlocked(lock);
+                    resumed = m_steps.resumeDevice();
+                    if (resumed) m_player.setPlayerState(STATE_PLAY_E);
+                }
                 if (resumed) m_phase = Phase::Playing;
                 else result = -1;
             } else if (m_phase != Phase::Playing) {
@@ -236,9 +238,11 @@ void PlaybackWorker::park(std::unique_lock<std::mutex>& lock) {
         if (m_commandCond.wait_for(lock, m_steps.passPeriod(), [&] { return m_command != Command::None || m_exit; }))
             break;
         // A quiet period: let the back-end watch its device.
-        lock.unlock();
-        const bool resumed = m_steps.whileParked(first);
-        lock.lock();
+        bool resumed;
+        {
+            ScopeUnlock unlocked(lock);
+            resumed = m_steps.whileParked(first);
+        }
         first = false;
         if (resumed && m_command == Command::None && !m_exit && m_phase == Phase::Paused && m_trackStarted) {
             LOG_TRACE("%s: resumed on the device", m_player.getDeviceName().c_str());
@@ -349,10 +353,9 @@ void PlaybackWorker::enterPaused(std::unique_lock<std::mutex>& lock) {
     }
     m_phase = Phase::Paused;
     m_stage = 5;
-    lock.unlock();
+    ScopeUnlock unlocked(lock);
     m_steps.pauseDevice();
     m_player.setPlayerState(STATE_PAUSE_E);
-    lock.lock();
 }
 
 void PlaybackWorker::enterStopped(std::unique_lock<std::mutex>& lock, bool force) {
@@ -360,9 +363,8 @@ void PlaybackWorker::enterStopped(std::unique_lock<std::mutex>& lock, bool force
     m_trackStarted = false;
     m_changeToNext = false;
     m_stage = 5;
-    lock.unlock();
+    ScopeUnlock unlocked(lock);
     m_steps.stopDevice(force);
     m_player.resetTimes();
     m_player.setPlayerState(STATE_STOP_E);
-    lock.lock();
 }

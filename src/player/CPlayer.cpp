@@ -49,7 +49,7 @@ CPlayer::CPlayer(uint32_t playerType, const char* renderID, const char* deviceNa
         int id = playlistStore().getPlaylistID(m_playlistTitle, m_appType);
         if (id >= 1) {
             m_playlistID = id;
-            loadPlaylist_();
+            loadPlaylist();
         }
     }
 }
@@ -120,7 +120,7 @@ void CPlayer::setPlaylist(const std::string& title, const std::string& appType) 
     int id = playlistStore().getPlaylistID(title, appType);
     int64_t playlistID = id >= 1 ? id : -1;
     LoadedPlaylist loaded;
-    if (playlistID >= 1) loaded = readPlaylist_(playlistID);
+    if (playlistID >= 1) loaded = readPlaylist(playlistID);
     {
         // The new playlist and its queue appear together: the worker never pairs one playlist's
         // id with another's queue.
@@ -143,7 +143,7 @@ void CPlayer::setPlaylist(const std::string& title, const std::string& appType) 
     }
 }
 
-CPlayer::LoadedPlaylist CPlayer::readPlaylist_(int64_t playlistID) {
+CPlayer::LoadedPlaylist CPlayer::readPlaylist(int64_t playlistID) {
     CSqlitePlaylist& store = playlistStore();
     int id = static_cast<int>(playlistID);
     LoadedPlaylist loaded;
@@ -162,10 +162,10 @@ CPlayer::LoadedPlaylist CPlayer::readPlaylist_(int64_t playlistID) {
     return loaded;
 }
 
-void CPlayer::loadPlaylist_() {
+void CPlayer::loadPlaylist() {
     // Read the store without the mutex: the store has its own lock, and a slow query must not
     // hold up the worker.
-    LoadedPlaylist loaded = readPlaylist_(getPlaylistID());
+    LoadedPlaylist loaded = readPlaylist(getPlaylistID());
     std::lock_guard lock(m_queueMutex);
     m_owner = std::move(loaded.owner);
     m_tag = std::move(loaded.tag);
@@ -226,7 +226,7 @@ void CPlayer::delItemFromPlayQueue(playQueueItem_s& item) {
 
 void CPlayer::reorderPlayQueue(unsigned long from, unsigned long to) {
     std::lock_guard lock(m_queueMutex);
-    reorderLocked_(from, to);
+    reorderLocked(from, to);
 }
 
 namespace {
@@ -244,8 +244,8 @@ uint64_t shiftedTrack(uint64_t c, unsigned long from, unsigned long to) {
 
 void CPlayer::reorderPlayQueueKeepingCurrent(unsigned long from, unsigned long to) {
     std::lock_guard lock(m_queueMutex);
-    uint64_t current = currTrackLocked_();
-    reorderLocked_(from, to);
+    uint64_t current = currTrackLocked();
+    reorderLocked(from, to);
     if (to >= m_playQueue.size()) return;
     uint64_t shifted = shiftedTrack(current, from, to);
     playMode_e mode = getPlayMode();
@@ -262,7 +262,7 @@ void CPlayer::reorderPlayQueueKeepingCurrent(unsigned long from, unsigned long t
     LOG_ERR("setCurrTrackIdByOrder failed");
 }
 
-bool CPlayer::stepCurrTrackIndex_(int delta) {
+bool CPlayer::stepCurrTrackIndex(int delta) {
     std::lock_guard lock(m_queueMutex);
     size_t size = m_playQueue.size();
     if (size == 0) return false;
@@ -274,7 +274,7 @@ bool CPlayer::stepCurrTrackIndex_(int delta) {
     return true;
 }
 
-void CPlayer::reorderLocked_(unsigned long from, unsigned long to) {
+void CPlayer::reorderLocked(unsigned long from, unsigned long to) {
     size_t size = m_playQueue.size();
     if (size == 0 || from == to || to >= size) return;
 
@@ -284,7 +284,7 @@ void CPlayer::reorderLocked_(unsigned long from, unsigned long to) {
         playQueueItem_s moved = m_playQueue[from];
         m_playQueue.erase(m_playQueue.begin() + static_cast<std::ptrdiff_t>(from));
         m_playQueue.insert(m_playQueue.begin() + static_cast<std::ptrdiff_t>(to), moved);
-        renumberQueue_();
+        renumberQueueLocked();
         return;
     }
 
@@ -325,7 +325,7 @@ void CPlayer::setPlayMode(playMode_e mode, unsigned long from, unsigned long to)
 
     if (isShuffleMode(mode)) {
         // Already shuffled, or coming from REPEAT_ONE: the queue keeps its order.
-        if (!isShuffleMode(current) && current != PLAYMODE_REPEAT_ONE_E) shuffle_(from, to);
+        if (!isShuffleMode(current) && current != PLAYMODE_REPEAT_ONE_E) shuffleLocked(from, to);
     } else if (mode == PLAYMODE_NORMAL_E || mode == PLAYMODE_REPEAT_E) {
         if (isShuffleMode(current) || current == PLAYMODE_SHUFFLE_REPEAT_ONE_E) {
             uint64_t index = m_currTrackIndex.load();
@@ -333,7 +333,7 @@ void CPlayer::setPlayMode(playMode_e mode, unsigned long from, unsigned long to)
                 index = index < m_playQueue.size() ? m_playQueue[index].order : index;  // the track being played
             else
                 index = static_cast<uint32_t>(index);
-            renumberQueue_();
+            renumberQueueLocked();
             m_currTrackIndex.store(index);
         }
     }
@@ -344,7 +344,7 @@ void CPlayer::setPlayMode(playMode_e mode, unsigned long from, unsigned long to)
         m_playMode.store(mode);
 }
 
-void CPlayer::shuffle_(unsigned long from, unsigned long to) {
+void CPlayer::shuffleLocked(unsigned long from, unsigned long to) {
     size_t size = m_playQueue.size();
     if (size == 0) return;
     size_t end = std::min<size_t>(to == 0 ? size : to, size);
@@ -358,13 +358,13 @@ void CPlayer::shuffle_(unsigned long from, unsigned long to) {
     }
 }
 
-void CPlayer::renumberQueue_() {
+void CPlayer::renumberQueueLocked() {
     for (size_t i = 0; i < m_playQueue.size(); ++i) m_playQueue[i].order = i;
 }
 
 // ---- tracks --------------------------------------------------------------------------------
 
-unsigned int CPlayer::currTrackLocked_() const {
+unsigned int CPlayer::currTrackLocked() const {
     uint64_t index = m_currTrackIndex.load();
     if (isShuffleMode(getPlayMode()) && index < m_playQueue.size())
         return static_cast<unsigned int>(m_playQueue[index].order);
@@ -373,10 +373,10 @@ unsigned int CPlayer::currTrackLocked_() const {
 
 unsigned int CPlayer::getCurrTrack() const {
     std::lock_guard lock(m_queueMutex);
-    return currTrackLocked_();
+    return currTrackLocked();
 }
 
-void CPlayer::setCurrTrackIndex_(uint64_t index) {
+void CPlayer::setCurrTrackIndex(uint64_t index) {
     std::lock_guard lock(m_queueMutex);
     m_currTrackIndex.store(index);
 }
@@ -450,7 +450,7 @@ int CPlayer::setCurrTrackByContent(const char* content) {
         if (found == SIZE_MAX) continue;
         stop(true);
         // After the stop, so that an advance the worker made meanwhile does not overrule it.
-        setCurrTrackIndex_(found);
+        setCurrTrackIndex(found);
         play();
         return 0;
     }
@@ -499,7 +499,7 @@ int CPlayer::getPlaylistElmByIndex(playlistElm_s& elm, int index) {
     int id;
     {
         std::lock_guard lock(m_queueMutex);
-        if (index == -1) index = static_cast<int>(currTrackLocked_());
+        if (index == -1) index = static_cast<int>(currTrackLocked());
         id = static_cast<int>(m_playlistID);
     }
     return playlistStore().getPlaylistElmByIndex(elm, id, index);
@@ -509,7 +509,7 @@ int CPlayer::getPlaylistElmByOrder(playlistElm_s& elm, int order) {
     int id;
     {
         std::lock_guard lock(m_queueMutex);
-        if (order == -1) order = static_cast<int>(currTrackLocked_());
+        if (order == -1) order = static_cast<int>(currTrackLocked());
         id = static_cast<int>(m_playlistID);
     }
     return playlistStore().getPlaylistElmByOrder(elm, id, order);
@@ -523,7 +523,7 @@ void CPlayer::getStatus(playerStatus_s& status) {
     unsigned int currTrack;
     {
         std::lock_guard lock(m_queueMutex);
-        currTrack = currTrackLocked_();
+        currTrack = currTrackLocked();
         playlistID = m_playlistID;
         status.currTrack = currTrack;
         status.totalTracks = static_cast<uint32_t>(m_playQueue.size());

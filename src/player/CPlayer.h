@@ -98,7 +98,7 @@ public:
     // it was playing. An unknown playlist leaves the old queue and the device stopped.
     void setPlaylist(const std::string& title, const std::string& appType);
     // Rebuilds the queue from the store in playlist order; the current index is kept.
-    void loadPlaylist_();
+    void loadPlaylist();
     void addItemToPlayQueue(playQueueItem_s& item);
     void delItemFromPlayQueue(playQueueItem_s& item);
     void reorderPlayQueue(unsigned long from, unsigned long to);
@@ -114,10 +114,10 @@ public:
     unsigned int getCurrTrack() const;
     uint64_t getCurrTrackIndex() const { return m_currTrackIndex.load(); }
     // Moves the index only; the device is not told.
-    void setCurrTrackIndex_(uint64_t index);
+    void setCurrTrackIndex(uint64_t index);
     // Moves the current index by delta round the queue (a ring, whatever the play mode) in one
     // step; false on an empty queue.
-    bool stepCurrTrackIndex_(int delta);
+    bool stepCurrTrackIndex(int delta);
     int setCurrTrack(unsigned int n);
     int setCurrTrackIdByOrder(unsigned int n);
     int setCurrTrackByContent(const char* content);
@@ -242,12 +242,12 @@ private:
         std::string tag;
         std::vector<playQueueItem_s> queue;
     };
-    static LoadedPlaylist readPlaylist_(int64_t playlistID);
+    static LoadedPlaylist readPlaylist(int64_t playlistID);
     // The callers below hold m_queueMutex.
-    void shuffle_(unsigned long from, unsigned long to);
-    void renumberQueue_();
-    unsigned int currTrackLocked_() const;
-    void reorderLocked_(unsigned long from, unsigned long to);
+    void shuffleLocked(unsigned long from, unsigned long to);
+    void renumberQueueLocked();
+    unsigned int currTrackLocked() const;
+    void reorderLocked(unsigned long from, unsigned long to);
 
     const uint32_t m_type;
     std::atomic<playMode_e> m_playMode{PLAYMODE_NORMAL_E};  // written under m_queueMutex

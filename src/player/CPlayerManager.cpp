@@ -1,3 +1,4 @@
+#include "util/ResultCodes.h"
 #include "player/CPlayerManager.h"
 
 #include <time.h>
@@ -12,6 +13,22 @@
 #include "util/StackFrame.h"
 #include "player/PlayerTypes.h"
 #include "thread/ThreadLock.h"
+
+int CPlayerManager::answerForThrow(const char* renderID) noexcept {
+    const char* id = renderID ? renderID : "";
+    try {
+        throw;
+    } catch (const ThreadBusyException&) {
+        LOG_WARN("%s: the player is busy", id);
+    } catch (const std::exception& e) {
+        LOG_ERR("%s: the player failed: %s", id, e.what());
+    } catch (const char* text) {
+        LOG_ERR("%s: the player failed: %s", id, text ? text : "");
+    } catch (...) {
+        LOG_ERR("%s: the player failed", id);
+    }
+    return result::kPlayerBusy;
+}
 
 CPlayerManager::CPlayerManager(std::shared_ptr<IPlayerBackends> backends, int passSeconds)
     : CThread(THREAD_JOINABLE_E), m_backends(std::move(backends)), m_passSeconds(passSeconds) {
@@ -34,28 +51,28 @@ CPlayerManager::~CPlayerManager() {
 }
 
 void CPlayerManager::stopThread() {
-    pthread_mutex_lock(&m_stopMutex);
-    m_bStopThread = true;
-    pthread_cond_broadcast(&m_stopCond);
-    pthread_mutex_unlock(&m_stopMutex);
+    {
+        ThreadSingleLock lock(m_stopMutex);
+        m_bStopThread = true;
+        pthread_cond_broadcast(&m_stopCond);
+    }
     join();
 }
 
 void CPlayerManager::process() {
-    pthread_mutex_lock(&m_stopMutex);
+    ThreadSingleLock lock(m_stopMutex);
     while (!m_bStopThread) {
-        pthread_mutex_unlock(&m_stopMutex);
-        housekeepingPass();
-        pthread_mutex_lock(&m_stopMutex);
-
+        {
+            ScopeUnlock unlocked(lock);
+            housekeepingPass();
+        }
         timespec deadline;
         clock_gettime(CLOCK_MONOTONIC, &deadline);
         deadline.tv_sec += m_passSeconds;
         while (!m_bStopThread) {
-            if (pthread_cond_timedwait(&m_stopCond, &m_stopMutex, &deadline) == ETIMEDOUT) break;
+            if (pthread_cond_timedwait(&m_stopCond, &lock.mutex(), &deadline) == ETIMEDOUT) break;
         }
     }
-    pthread_mutex_unlock(&m_stopMutex);
 }
 
 void CPlayerManager::housekeepingPass() {
@@ -84,11 +101,11 @@ void CPlayerManager::housekeepingPass() {
                 player->stop(true);
             }
         }
-        if (retire) retirePlayer_(i);
+        if (retire) retirePlayerLocked(i);
     }
 }
 
-void CPlayerManager::retirePlayer_(size_t index) {
+void CPlayerManager::retirePlayerLocked(size_t index) {
     m_playerReclaimCacheVec.push_back(std::move(m_playerCollection[index]));
     m_playerCollection.erase(m_playerCollection.begin() + static_cast<std::ptrdiff_t>(index));
 }
@@ -110,24 +127,24 @@ void CPlayerManager::addRenderInCache(const char* renderID, const char* name, co
     record.failures = 0;
 }
 
-void CPlayerManager::clearRenderFoundFlags_() {
+void CPlayerManager::clearRenderFoundFlagsLocked() {
     for (auto& [id, record] : m_renderCache) record.found = 0;
 }
 
-int CPlayerManager::searchRenderInCache_(const std::string& renderID, renderCacheInfo_s& out) const {
+int CPlayerManager::searchRenderInCacheLocked(const std::string& renderID, renderCacheInfo_s& out) const {
     auto it = m_renderCache.find(renderID);
     if (it == m_renderCache.end()) return -1;
     out = it->second;
     return 0;
 }
 
-CPlayer* CPlayerManager::findCreatedPlayer_(const std::string& renderID) const {
+CPlayer* CPlayerManager::findCreatedPlayerLocked(const std::string& renderID) const {
     for (const auto& player : m_playerCollection)
         if (player->getRenderID() == renderID) return player.get();
     return nullptr;
 }
 
-CPlayer* CPlayerManager::addPlayer_(int& result, const std::string& renderID, const std::string& playlistTitle,
+CPlayer* CPlayerManager::addPlayerLocked(int& result, const std::string& renderID, const std::string& playlistTitle,
                                     const std::string& appType) {
     if (renderID.empty()) return nullptr;
 
@@ -139,7 +156,7 @@ CPlayer* CPlayerManager::addPlayer_(int& result, const std::string& renderID, co
             ThreadSingleLock playerLock(player->getLock());
             // The address the listing has now: it may have changed while the player was away.
             renderCacheInfo_s render;
-            player->setIP(searchRenderInCache_(renderID, render) == 0 ? render.IP : std::string());
+            player->setIP(searchRenderInCacheLocked(renderID, render) == 0 ? render.IP : std::string());
             player->monitor(true);  // watching stopped when it was retired
             if (!playlistTitle.empty() && !appType.empty()) player->setPlaylist(playlistTitle, appType);
         }
@@ -150,14 +167,14 @@ CPlayer* CPlayerManager::addPlayer_(int& result, const std::string& renderID, co
     }
 
     renderCacheInfo_s render;
-    if (searchRenderInCache_(renderID, render) != 0) {
+    if (searchRenderInCacheLocked(renderID, render) != 0) {
         LOG_WARN("Render %s doesn't exist", renderID.c_str());
         return nullptr;
     }
 
     std::unique_ptr<CPlayer> created;
     try {
-        created = createBackend_(renderID, render, playlistTitle, appType, result);
+        created = createBackend(renderID, render, playlistTitle, appType, result);
     } catch (...) {
         LOG_ERR("Could not create player %s", renderID.c_str());
         return nullptr;
@@ -174,7 +191,7 @@ CPlayer* CPlayerManager::addPlayer_(int& result, const std::string& renderID, co
     return player;
 }
 
-std::unique_ptr<CPlayer> CPlayerManager::createBackend_(const std::string& renderID, const renderCacheInfo_s& render,
+std::unique_ptr<CPlayer> CPlayerManager::createBackend(const std::string& renderID, const renderCacheInfo_s& render,
                                                         const std::string& playlistTitle, const std::string& appType,
                                                         int& result) {
     if (!m_backends) {
@@ -190,12 +207,12 @@ size_t CPlayerManager::getNumOfPlayer() {
 }
 
 int CPlayerManager::getDebugInfo(const char* renderID, XMLNode& out) {
-    if (!renderID) return -4;
+    if (!renderID) return result::kNoSuchPlayer;
     std::string text;
     {
         ThreadReadLock collectionLock(m_rwLock);
-        CPlayer* player = findCreatedPlayer_(renderID);
-        if (!player) return -4;
+        CPlayer* player = findCreatedPlayerLocked(renderID);
+        if (!player) return result::kNoSuchPlayer;
         player->debugDump(text);
     }
     out = XMLNode::createXMLTopNode("root");
@@ -234,7 +251,7 @@ void CPlayerManager::setSettleDelays(std::chrono::milliseconds afterCreate, std:
     g_settleAfterHdmiStopMs = static_cast<int>(afterHdmiStop.count());
 }
 
-void CPlayerManager::stopLocalHdmiPlayers_(CPlayer* except) {
+void CPlayerManager::stopLocalHdmiPlayersLocked(CPlayer* except) {
     for (const auto& player : m_playerCollection) {
         if (!player->traits().exclusive) continue;
         if (player.get() == except) {
@@ -242,26 +259,26 @@ void CPlayerManager::stopLocalHdmiPlayers_(CPlayer* except) {
             continue;
         }
         // Try only: two requests for two such players must not wait for each other.
-        if (pthread_mutex_trylock(&player->getLock()) != 0) {
+        ThreadTryLock playerLock(player->getLock());
+        if (!playerLock.held()) {
             LOG_WARN("local HDMI player %s is busy; not stopped", player->getRenderID().c_str());
             continue;
         }
         player->stop(true);
-        pthread_mutex_unlock(&player->getLock());
     }
 }
 
 int CPlayerManager::setPlaylist(const char* renderID, const char* playlistTitle, const char* appType) {
-    if (!renderID) return -4;
+    if (!renderID) return result::kNoSuchPlayer;
     bool created = false;
-    int result = -4;
+    int code = result::kNoSuchPlayer;
     try {
         {
             ThreadReadLock collectionLock(m_rwLock);
-            if (CPlayer* player = findCreatedPlayer_(renderID)) {
+            if (CPlayer* player = findCreatedPlayerLocked(renderID)) {
                 ThreadSingleTryLock playerLock(player->getLock());
                 if (player->traits().exclusive) {
-                    stopLocalHdmiPlayers_(player);
+                    stopLocalHdmiPlayersLocked(player);
                     settle(g_settleAfterHdmiStopMs);
                 }
                 if (playlistTitle && appType) player->setPlaylist(playlistTitle, appType);
@@ -270,49 +287,49 @@ int CPlayerManager::setPlaylist(const char* renderID, const char* playlistTitle,
         }
         // No player yet: creating one changes the collection, so under the write lock.
         ThreadWriteLock collectionLock(m_rwLock);
-        if (findCreatedPlayer_(renderID)) return -19;  // another request created it meanwhile
+        if (findCreatedPlayerLocked(renderID)) return result::kPlayerBusy;  // another request created it meanwhile
         if (std::strncmp(renderID, "TAVRIN", 6) == 0) {
-            stopLocalHdmiPlayers_(nullptr);
+            stopLocalHdmiPlayersLocked(nullptr);
             settle(g_settleAfterHdmiStopMs);
         }
-        if (!addPlayer_(result, renderID, playlistTitle ? playlistTitle : "", appType ? appType : "")) {
+        if (!addPlayerLocked(code, renderID, playlistTitle ? playlistTitle : "", appType ? appType : "")) {
             LOG_ERR("addPlayer() ... fail");
-            return result;
+            return code;
         }
         created = true;
     } catch (...) {
-        return -19;
+        return answerForThrow(renderID);
     }
     if (created) settle(g_settleAfterCreateMs);
-    return result;
+    return code;
 }
 
-void CPlayerManager::removePlayer_(const std::string& renderID) {
+void CPlayerManager::removePlayerLocked(const std::string& renderID) {
     for (size_t i = 0; i < m_playerCollection.size(); ++i) {
         if (m_playerCollection[i]->getRenderID() != renderID) continue;
         m_playerCollection[i]->stop(true);
-        retirePlayer_(i);
+        retirePlayerLocked(i);
         return;
     }
 }
 
-void CPlayerManager::invalidPlayerCollection_() {
+void CPlayerManager::invalidPlayerCollectionLocked() {
     std::vector<std::string> gone;
     for (const auto& player : m_playerCollection)
         if (!player->isPlayerExist()) gone.push_back(player->getRenderID());
     for (const std::string& id : gone) {
         LOG_REMOVE("Remove %s ", id.c_str());
-        removePlayer_(id);
+        removePlayerLocked(id);
     }
 }
 
 void CPlayerManager::invalidPlayerCollection() {
     // Only when nobody else uses the collection: the listing must not wait behind a busy player.
-    if (pthread_rwlock_trywrlock(&m_rwLock) != 0) return;
+    ThreadTryWriteLock collectionLock(m_rwLock);
+    if (!collectionLock.held()) return;
     try {
-        invalidPlayerCollection_();
+        invalidPlayerCollectionLocked();
     } catch (...) {
         LOG_REMOVE("invalidPlayerCollection ... err");
     }
-    pthread_rwlock_unlock(&m_rwLock);
 }

@@ -39,12 +39,12 @@ public:
     void addRenderInCache(const char* renderID, const char* name, const char* ip, uint32_t type,
                           const char* encryption, int port, const std::string& card, const std::string& device,
                           const std::string& authMethod = "");
-    void clearRenderFoundFlags_();
-    int searchRenderInCache_(const std::string& renderID, renderCacheInfo_s& out) const;
+    void clearRenderFoundFlagsLocked();
+    int searchRenderInCacheLocked(const std::string& renderID, renderCacheInfo_s& out) const;
 
     // Creates (or revives from the reclaim cache) the player of a cached render. Caller holds
     // the write lock. Returns the player or null; result tells why.
-    CPlayer* addPlayer_(int& result, const std::string& renderID, const std::string& playlistTitle,
+    CPlayer* addPlayerLocked(int& result, const std::string& renderID, const std::string& playlistTitle,
                         const std::string& appType);
 
     // Forwarding: each finds the player of renderID under the collection read lock and calls it
@@ -117,27 +117,30 @@ protected:
     void process() override;
     // Builds the back-end for a render record by its type bits; null (result set when the
     // reason has a code, such as -19 for a busy sound device) when it cannot.
-    virtual std::unique_ptr<CPlayer> createBackend_(const std::string& renderID, const renderCacheInfo_s& render,
+    virtual std::unique_ptr<CPlayer> createBackend(const std::string& renderID, const renderCacheInfo_s& render,
                                                     const std::string& playlistTitle, const std::string& appType,
                                                     int& result);
 
-    CPlayer* findCreatedPlayer_(const std::string& renderID) const;
+    // Inside a catch: logs with the device what a forwarded call threw (a busy player's
+    // try-lock or a failing back-end) and answers -19.
+    static int answerForThrow(const char* renderID) noexcept;
+    CPlayer* findCreatedPlayerLocked(const std::string& renderID) const;
     // Runs fn(player) for the player of renderID under the read lock and the player's try-lock.
     template <class Fn>
     int forward_(const char* renderID, Fn fn);
     // The same without the player's lock, for the polled reads.
     template <class Fn>
     int read_(const char* renderID, Fn fn);
-    void removePlayer_(const std::string& renderID);
-    void invalidPlayerCollection_();
-    void stopLocalHdmiPlayers_(CPlayer* except);
+    void removePlayerLocked(const std::string& renderID);
+    void invalidPlayerCollectionLocked();
+    void stopLocalHdmiPlayersLocked(CPlayer* except);
     // Calls fn(player) for every player whose playlist title is title, holding its lock (waits).
     // Caller holds the collection lock.
     template <class Fn>
-    void forEachPlayerOfTitle_(const std::string& title, Fn fn);
+    void forEachPlayerOfTitleLocked(const std::string& title, Fn fn);
     template <class Fn>
-    void forEachPlayerOfPlaylistID_(int64_t playlistID, Fn fn);
-    void retirePlayer_(size_t index);
+    void forEachPlayerOfPlaylistIDLocked(int64_t playlistID, Fn fn);
+    void retirePlayerLocked(size_t index);
 
     std::vector<std::unique_ptr<CPlayer>> m_playerCollection;
     std::vector<std::unique_ptr<CPlayer>> m_playerReclaimCacheVec;

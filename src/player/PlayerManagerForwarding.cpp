@@ -1,20 +1,21 @@
 // The player manager's forwarding: a command names a render id, the manager finds the player
 // under the collection's read lock and calls it under a try of the player's lock.
+#include "util/ResultCodes.h"
 #include "player/CPlayerManager.h"
 #include "thread/ThreadLock.h"
 
 template <class Fn>
 int CPlayerManager::forward_(const char* renderID, Fn fn) {
-    if (!renderID) return -4;
+    if (!renderID) return result::kNoSuchPlayer;
     try {
         ThreadReadLock collectionLock(m_rwLock);
-        CPlayer* player = findCreatedPlayer_(renderID);
-        if (!player) return -4;
+        CPlayer* player = findCreatedPlayerLocked(renderID);
+        if (!player) return result::kNoSuchPlayer;
         ThreadSingleTryLock playerLock(player->getLock());
         return fn(*player);
     } catch (...) {
         // A busy player (the try-lock throws) or a failing back-end.
-        return -19;
+        return answerForThrow(renderID);
     }
 }
 
@@ -24,14 +25,14 @@ int CPlayerManager::forward_(const char* renderID, Fn fn) {
 // alive meanwhile.
 template <class Fn>
 int CPlayerManager::read_(const char* renderID, Fn fn) {
-    if (!renderID) return -4;
+    if (!renderID) return result::kNoSuchPlayer;
     try {
         ThreadReadLock collectionLock(m_rwLock);
-        CPlayer* player = findCreatedPlayer_(renderID);
-        if (!player) return -4;
+        CPlayer* player = findCreatedPlayerLocked(renderID);
+        if (!player) return result::kNoSuchPlayer;
         return fn(*player);
     } catch (...) {
-        return -19;
+        return answerForThrow(renderID);
     }
 }
 
@@ -103,15 +104,15 @@ int CPlayerManager::setPlayerAttributes(const char* renderID, const char* attrib
     if (!renderID) return -1;
     try {
         ThreadReadLock collectionLock(m_rwLock);
-        if (CPlayer* player = findCreatedPlayer_(renderID)) {
+        if (CPlayer* player = findCreatedPlayerLocked(renderID)) {
             ThreadSingleTryLock playerLock(player->getLock());
             return player->setAttributes(attributes);
         }
         renderCacheInfo_s render;
-        if (searchRenderInCache_(renderID, render) != 0) return -1;
+        if (searchRenderInCacheLocked(renderID, render) != 0) return -1;
         return m_backends ? m_backends->setAttributesWithoutPlayer(render, attributes) : 0;
     } catch (...) {
-        return -19;
+        return answerForThrow(renderID);
     }
 }
 
@@ -132,6 +133,6 @@ bool CPlayerManager::getPlayerDeviceName(unsigned int index, std::string& out) {
 uint32_t CPlayerManager::getPlayerType(const char* renderID) {
     if (!renderID) return 0;
     ThreadReadLock collectionLock(m_rwLock);
-    CPlayer* player = findCreatedPlayer_(renderID);
+    CPlayer* player = findCreatedPlayerLocked(renderID);
     return player ? player->getPlayerType() : 0;
 }

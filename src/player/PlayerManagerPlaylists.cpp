@@ -6,7 +6,7 @@
 #include "playlist/CSqlitePlaylist.h"
 
 template <class Fn>
-void CPlayerManager::forEachPlayerOfTitle_(const std::string& title, Fn fn) {
+void CPlayerManager::forEachPlayerOfTitleLocked(const std::string& title, Fn fn) {
     for (const auto& player : m_playerCollection) {
         ThreadSingleLock playerLock(player->getLock());
         const char* playing = player->getPlaylistTitle();
@@ -15,7 +15,7 @@ void CPlayerManager::forEachPlayerOfTitle_(const std::string& title, Fn fn) {
 }
 
 template <class Fn>
-void CPlayerManager::forEachPlayerOfPlaylistID_(int64_t playlistID, Fn fn) {
+void CPlayerManager::forEachPlayerOfPlaylistIDLocked(int64_t playlistID, Fn fn) {
     for (const auto& player : m_playerCollection) {
         ThreadSingleLock playerLock(player->getLock());
         if (player->getPlaylistID() == playlistID) fn(*player);
@@ -44,7 +44,7 @@ bool CPlayerManager::isDeleting(const std::string& title, const std::string& app
 void CPlayerManager::delPlaylist(const char* title, const char* appType) {
     if (!title || !appType) return;
     ThreadReadLock collectionLock(m_rwLock);
-    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
+    forEachPlayerOfTitleLocked(title, [&](CPlayer& player) {
         if (player.getAppType() == appType) player.clearPlayQueue(true);
     });
 }
@@ -52,7 +52,7 @@ void CPlayerManager::delPlaylist(const char* title, const char* appType) {
 void CPlayerManager::delItemFromPlayQueue(const char* title, uint64_t uuid) {
     if (!title) return;
     ThreadReadLock collectionLock(m_rwLock);
-    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
+    forEachPlayerOfTitleLocked(title, [&](CPlayer& player) {
         playQueueItem_s item{0, static_cast<int64_t>(uuid)};
         player.delItemFromPlayQueue(item);
     });
@@ -61,13 +61,13 @@ void CPlayerManager::delItemFromPlayQueue(const char* title, uint64_t uuid) {
 
 void CPlayerManager::reorderPlayQueue(const std::string& title, size_t from, size_t to) {
     ThreadReadLock collectionLock(m_rwLock);
-    forEachPlayerOfTitle_(title, [&](CPlayer& player) { player.reorderPlayQueueKeepingCurrent(from, to); });
+    forEachPlayerOfTitleLocked(title, [&](CPlayer& player) { player.reorderPlayQueueKeepingCurrent(from, to); });
 }
 
 void CPlayerManager::updatePlayModeByPlaylist(const char* title, const char* appType) {
     if (!title || !appType) return;
     ThreadReadLock collectionLock(m_rwLock);
-    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
+    forEachPlayerOfTitleLocked(title, [&](CPlayer& player) {
         if (player.getAppType() != appType || player.getPlayMode() != PLAYMODE_SHUFFLE_E) return;
         player.setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
         player.setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
@@ -96,7 +96,7 @@ void appendNewEntry(CPlayer& player, const playlistElm_s& entry, int position) {
 void CPlayerManager::addLastItemInPlayQueue(const char* title, int position) {
     if (!title) return;
     ThreadReadLock collectionLock(m_rwLock);
-    forEachPlayerOfTitle_(title, [&](CPlayer& player) {
+    forEachPlayerOfTitleLocked(title, [&](CPlayer& player) {
         playlistElm_s entry;
         int id = static_cast<int>(player.getPlaylistID());
         if (playlistStore().getPlaylistElmByIndex(entry, id, newEntryIndex(player, position)) == 0)
@@ -107,7 +107,7 @@ void CPlayerManager::addLastItemInPlayQueue(const char* title, int position) {
 void CPlayerManager::updateAssociatePlayQueue(int playlistID) {
     ThreadReadLock collectionLock(m_rwLock);
     bool stop = false;
-    forEachPlayerOfPlaylistID_(playlistID, [&](CPlayer& player) {
+    forEachPlayerOfPlaylistIDLocked(playlistID, [&](CPlayer& player) {
         if (stop) return;
         size_t queued = player.getPlaylistSize();
         int stored = playlistStore().getSizeOfPlaylist(playlistID);

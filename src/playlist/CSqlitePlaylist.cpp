@@ -188,22 +188,22 @@ public:
     ~Savepoint() {
         if (!m_open) return;
         Query rollback(m_store.m_stmts[kRollbackTo]);
-        m_store.run_(rollback);
+        m_store.runLocked(rollback);
         Query release(m_store.m_stmts[kRelease]);
-        m_store.run_(release);
+        m_store.runLocked(release);
     }
     Savepoint(const Savepoint&) = delete;
     Savepoint& operator=(const Savepoint&) = delete;
 
     int begin() {
         Query q(m_store.m_stmts[kSavepoint]);
-        int rc = m_store.run_(q);
+        int rc = m_store.runLocked(q);
         m_open = rc == SQLITE_OK;
         return rc;
     }
     int release() {
         Query q(m_store.m_stmts[kRelease]);
-        int rc = m_store.run_(q);
+        int rc = m_store.runLocked(q);
         if (rc == SQLITE_OK) m_open = false;
         return rc;
     }
@@ -341,7 +341,7 @@ void CSqlitePlaylist::moveAside_(bool withMain) {
         if (exists(m_path + suffix)) move(m_path + suffix, bak + suffix);
 }
 
-int CSqlitePlaylist::createTable_(const char* sql) {
+int CSqlitePlaylist::createTableLocked(const char* sql) {
     char* err = nullptr;
     int rc = sqlite3_exec(m_db, sql, nullptr, nullptr, &err);
     if (rc != SQLITE_OK) LOG_ERR("%s", err ? err : sqlite3_errmsg(m_db));
@@ -351,14 +351,14 @@ int CSqlitePlaylist::createTable_(const char* sql) {
 
 void CSqlitePlaylist::createSchema_() {
     // WAL first, so that the new file starts in the mode it keeps.
-    createTable_("PRAGMA journal_mode=WAL;");
+    createTableLocked("PRAGMA journal_mode=WAL;");
     // In one transaction: a crash cannot leave tables without their version row (which would
     // set the file aside at the next start).
-    createTable_("BEGIN;");
-    createTable_("CREATE TABLE Version_TBL (Version);");
-    createTable_("CREATE TABLE PlaylistLib_TBL (PlaylistID integer PRIMARY KEY,PlaylistType integer, AppType , "
+    createTableLocked("BEGIN;");
+    createTableLocked("CREATE TABLE Version_TBL (Version);");
+    createTableLocked("CREATE TABLE PlaylistLib_TBL (PlaylistID integer PRIMARY KEY,PlaylistType integer, AppType , "
                  "PlaylistTitle, Owner, Tag);");
-    createTable_("CREATE TABLE Playlist_TBL (UUID integer PRIMARY KEY, PlaylistID, OrderNr, MediaType, "
+    createTableLocked("CREATE TABLE Playlist_TBL (UUID integer PRIMARY KEY, PlaylistID, OrderNr, MediaType, "
                  "ContentType, Content, UPnPObjID);");
     sqlite3_stmt* stmt = nullptr;
     if (sqlite3_prepare_v2(m_db, "INSERT INTO Version_TBL VALUES(?);", -1, &stmt, nullptr) == SQLITE_OK) {
@@ -368,7 +368,7 @@ void CSqlitePlaylist::createSchema_() {
         logSqlError_();
     }
     sqlite3_finalize(stmt);
-    createTable_("COMMIT;");
+    createTableLocked("COMMIT;");
 }
 
 void CSqlitePlaylist::configure_() {
@@ -402,7 +402,7 @@ void CSqlitePlaylist::logSqlError_(const std::source_location& where) const {
                 m_db ? sqlite3_errmsg(m_db) : "playlist database not open");
 }
 
-int CSqlitePlaylist::run_(Query& query, const std::source_location& where) {
+int CSqlitePlaylist::runLocked(Query& query, const std::source_location& where) {
     int rc = query.step();
     while (rc == SQLITE_ROW) rc = query.step();
     if (rc == SQLITE_DONE) return SQLITE_OK;
@@ -410,7 +410,7 @@ int CSqlitePlaylist::run_(Query& query, const std::source_location& where) {
     return rc;
 }
 
-int CSqlitePlaylist::selectInt_(Query& query, sqlite3_int64& value, bool& found, const std::source_location& where) {
+int CSqlitePlaylist::selectIntLocked(Query& query, sqlite3_int64& value, bool& found, const std::source_location& where) {
     found = false;
     int rc;
     while ((rc = query.step()) == SQLITE_ROW) {
@@ -423,47 +423,47 @@ int CSqlitePlaylist::selectInt_(Query& query, sqlite3_int64& value, bool& found,
     return rc;
 }
 
-int CSqlitePlaylist::selectInt_(Query& query, const std::source_location& where) {
+int CSqlitePlaylist::selectIntLocked(Query& query, const std::source_location& where) {
     sqlite3_int64 value = -1;
     bool found = false;
-    selectInt_(query, value, found, where);
+    selectIntLocked(query, value, found, where);
     return found ? static_cast<int>(value) : -1;
 }
 
-int CSqlitePlaylist::lookupPlaylistID_(std::string_view title, std::string_view appType, int& id) {
+int CSqlitePlaylist::lookupPlaylistIDLocked(std::string_view title, std::string_view appType, int& id) {
     id = 0;
     Query q(m_stmts[kLibId], title, appType);
     sqlite3_int64 value = 0;
     bool found = false;
-    int rc = selectInt_(q, value, found);
+    int rc = selectIntLocked(q, value, found);
     if (found) id = static_cast<int>(value);
     return rc;
 }
 
-bool CSqlitePlaylist::findEditablePlaylist_(const char* title, const char* appType, int& id) {
-    if (lookupPlaylistID_(orEmpty(title), orEmpty(appType), id) != SQLITE_OK) return false;
+bool CSqlitePlaylist::findEditablePlaylistLocked(const char* title, const char* appType, int& id) {
+    if (lookupPlaylistIDLocked(orEmpty(title), orEmpty(appType), id) != SQLITE_OK) return false;
     if (id != 0) return true;
     LOG_NOTE("%s not found", orEmpty(title));
     return false;
 }
 
-int CSqlitePlaylist::getSizeOfPlaylistLib_(std::string_view appType) {
+int CSqlitePlaylist::getSizeOfPlaylistLibLocked(std::string_view appType) {
     if (isAll(appType)) {
         Query q(m_stmts[kLibCountAll]);
-        return selectInt_(q);
+        return selectIntLocked(q);
     }
     Query q(m_stmts[kLibCountApp], appType);
-    return selectInt_(q);
+    return selectIntLocked(q);
 }
 
-int CSqlitePlaylist::getSizeOfPlaylist_(int playlistID) {
+int CSqlitePlaylist::getSizeOfPlaylistLocked(int playlistID) {
     Query q(m_stmts[kElmCount], playlistID);
-    return selectInt_(q);
+    return selectIntLocked(q);
 }
 
-int CSqlitePlaylist::getPlaylistElmByIndex_(playlistElm_t& elm, int playlistID, int index) {
+int CSqlitePlaylist::getPlaylistElmByIndexLocked(playlistElm_t& elm, int playlistID, int index) {
     elm.PlaylistID = 0;
-    if (getSizeOfPlaylist_(playlistID) <= index) return kFail;
+    if (getSizeOfPlaylistLocked(playlistID) <= index) return kFail;
     Query q(m_stmts[kElmPage], playlistID, index, 1);
     int rc;
     while ((rc = q.step()) == SQLITE_ROW) readElm(q.get(), elm);
@@ -474,22 +474,22 @@ int CSqlitePlaylist::getPlaylistElmByIndex_(playlistElm_t& elm, int playlistID, 
     return 0;
 }
 
-int CSqlitePlaylist::delAllElmInPlaylist_(std::string_view title, std::string_view appType) {
+int CSqlitePlaylist::delAllElmInPlaylistLocked(std::string_view title, std::string_view appType) {
     int id = 0;
-    if (lookupPlaylistID_(title, appType, id) != SQLITE_OK) return kFail;
+    if (lookupPlaylistIDLocked(title, appType, id) != SQLITE_OK) return kFail;
     if (id == 0) {
         LOG_NOTE("%.*s not found", static_cast<int>(title.size()), title.data());
         return 0;
     }
     Query q(m_stmts[kElmDeleteAll], id);
-    return run_(q) == SQLITE_OK ? 0 : kFail;
+    return runLocked(q) == SQLITE_OK ? 0 : kFail;
 }
 
-int CSqlitePlaylist::insertElm_(int playlistID, int orderNr, mediaType_e mediaType, contentType_e contentType,
+int CSqlitePlaylist::insertElmLocked(int playlistID, int orderNr, mediaType_e mediaType, contentType_e contentType,
                                 std::string_view content, std::string_view objId) {
     Query q(m_stmts[kElmInsert], playlistID, orderNr, static_cast<int>(mediaType), static_cast<int>(contentType),
             content, objId);
-    return run_(q) == SQLITE_OK ? 0 : kFail;
+    return runLocked(q) == SQLITE_OK ? 0 : kFail;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -502,11 +502,11 @@ int CSqlitePlaylist::addPlaylist(const char* title, mediaType_e type, const char
     bool found = false;
     {
         Query q(m_stmts[kLibCountTitle], title, appType);
-        if (selectInt_(q, count, found) != SQLITE_OK) return kFail;
+        if (selectIntLocked(q, count, found) != SQLITE_OK) return kFail;
     }
     if (count != 0) return 1;
     Query ins(m_stmts[kLibInsert], static_cast<int>(type), appType, title, owner, tag);
-    run_(ins);  // logged; the caller is told "created" as before
+    runLocked(ins);  // logged; the caller is told "created" as before
     return 0;
 }
 
@@ -514,24 +514,24 @@ int CSqlitePlaylist::delPlaylist(const std::string& title, const std::string& ap
     ThreadSingleLock guard(m_lock);
     Savepoint sp(*this);
     if (sp.begin() != SQLITE_OK) return kFail;
-    if (delAllElmInPlaylist_(title, appType) != 0) {
+    if (delAllElmInPlaylistLocked(title, appType) != 0) {
         LOG_ERR("delAllContentInPlaylist()...fail");
         return kFail;
     }
     Query q(m_stmts[kLibDelete], title, appType);
-    if (run_(q) != SQLITE_OK) return kFail;
+    if (runLocked(q) != SQLITE_OK) return kFail;
     return sp.release() == SQLITE_OK ? 0 : kFail;
 }
 
 int CSqlitePlaylist::getSizeOfPlaylistLib(const char* appType) {
     ThreadSingleLock guard(m_lock);
-    return getSizeOfPlaylistLib_(orEmpty(appType));
+    return getSizeOfPlaylistLibLocked(orEmpty(appType));
 }
 
 int CSqlitePlaylist::getPlaylistID(const std::string& title, const std::string& appType) {
     ThreadSingleLock guard(m_lock);
     int id = 0;
-    if (lookupPlaylistID_(title, appType, id) != SQLITE_OK) return kFail;
+    if (lookupPlaylistIDLocked(title, appType, id) != SQLITE_OK) return kFail;
     return id < 1 ? -1 : id;
 }
 
@@ -552,7 +552,7 @@ int CSqlitePlaylist::getPlaylistLibElmByIndex(playlistLibElm_t& elm, const char*
     std::string_view app = orEmpty(appType);
     elm.PlaylistID = 0;
     // Counted by the "ALL" rule but selected by AppType: "ALL" finds only an app type of that name.
-    if (getSizeOfPlaylistLib_(app) <= index) return kFail;
+    if (getSizeOfPlaylistLibLocked(app) <= index) return kFail;
     Query q(m_stmts[kLibPageApp], app, index, 1);
     int rc;
     while ((rc = q.step()) == SQLITE_ROW) readLibElm(q.get(), elm, false);
@@ -580,7 +580,7 @@ int CSqlitePlaylist::getPlaylistLibElmsByPage(std::vector<playlistLibElm_s>& pag
     ThreadSingleLock guard(m_lock);
     std::string_view app = orEmpty(appType);
     if (start == 0 && count == 0) count = -1;  // all rows
-    if (getSizeOfPlaylistLib_(app) <= start) return 0;
+    if (getSizeOfPlaylistLibLocked(app) <= start) return 0;
     bool all = isAll(app);
     Query q(m_stmts[all ? kLibPageAll : kLibPageApp]);
     if (!all) q.bind(app);
@@ -601,16 +601,12 @@ int CSqlitePlaylist::getPlaylistLibElmsByPage(std::vector<playlistLibElm_s>& pag
 
 int CSqlitePlaylist::getSizeOfPlaylist(int playlistID) {
     ThreadSingleLock guard(m_lock);
-    return getSizeOfPlaylist_(playlistID);
+    return getSizeOfPlaylistLocked(playlistID);
 }
 
 int CSqlitePlaylist::getPlaylistElmByIndex(playlistElm_t& elm, int playlistID, int index) {
     ThreadSingleLock guard(m_lock);
-    return getPlaylistElmByIndex_(elm, playlistID, index);
-}
-
-int CSqlitePlaylist::getPlaylistElmByIndex_NOLOCK(playlistElm_t& elm, int playlistID, int index) {
-    return getPlaylistElmByIndex_(elm, playlistID, index);
+    return getPlaylistElmByIndexLocked(elm, playlistID, index);
 }
 
 int CSqlitePlaylist::getPlaylistElmByOrder(playlistElm_t& elm, int playlistID, int orderNr) {
@@ -629,7 +625,7 @@ int CSqlitePlaylist::getPlaylistElmByOrder(playlistElm_t& elm, int playlistID, i
 int CSqlitePlaylist::getPlaylistElmsByPage(std::vector<playlistElm_s>& page, int playlistID, int start, int count) {
     ThreadSingleLock guard(m_lock);
     if (start == 0 && count == 0) count = -1;  // all rows
-    int total = getSizeOfPlaylist_(playlistID);
+    int total = getSizeOfPlaylistLocked(playlistID);
     if (total == 0) return 0;
     if (total <= start) return kFail;
     if (count > 0) page.reserve(page.size() + static_cast<size_t>(std::min(count, total - std::max(start, 0))));
@@ -654,27 +650,27 @@ int CSqlitePlaylist::addElmInPlaylist(const char* title, mediaType_e mediaType, 
     Savepoint sp(*this);
     if (sp.begin() != SQLITE_OK) return kFail;
     int id = 0;
-    if (!findEditablePlaylist_(title, appType, id)) return kFail;
+    if (!findEditablePlaylistLocked(title, appType, id)) return kFail;
 
-    int size = getSizeOfPlaylist_(id);
+    int size = getSizeOfPlaylistLocked(id);
     if (size < 0) return kFail;
     int order = 0;  // the first entry starts the list, whatever was asked
     if (size != 0) {
         Query maxQ(m_stmts[kElmMaxOrder], id);
-        int max = selectInt_(maxQ);
+        int max = selectIntLocked(maxQ);
         order = max + 1;
         // -1 and anything past the end append; other negatives are taken as they are.
         if (orderNr != -1 && orderNr <= max + 1) {
             order = orderNr;
             Query shift(m_stmts[kElmShiftUpFrom], id, orderNr);
-            if (run_(shift) != SQLITE_OK) return kFail;
+            if (runLocked(shift) != SQLITE_OK) return kFail;
         }
     }
 
     std::string_view text = orEmpty(content);
     std::string_view objId = contentType == CONTENT_OBJECT_E ? clipObjId(text) : std::string_view();
     if (objId.empty()) objId = "N/A";
-    if (insertElm_(id, order, mediaType, contentType, text, objId) != 0) return kFail;
+    if (insertElmLocked(id, order, mediaType, contentType, text, objId) != 0) return kFail;
     return sp.release() == SQLITE_OK ? 0 : kFail;
 }
 
@@ -683,30 +679,30 @@ int CSqlitePlaylist::delElmInPlaylist(const char* title, const char* appType, ui
     Savepoint sp(*this);
     if (sp.begin() != SQLITE_OK) return kFail;
     int id = 0;
-    if (!findEditablePlaylist_(title, appType, id)) return kFail;
+    if (!findEditablePlaylistLocked(title, appType, id)) return kFail;
 
     auto uuidValue = static_cast<sqlite3_int64>(uuid);
     sqlite3_int64 order = 0;
     bool found = false;
     {
         Query q(m_stmts[kElmOrderOfUuid], id, uuidValue);
-        if (selectInt_(q, order, found) != SQLITE_OK) return kFail;
+        if (selectIntLocked(q, order, found) != SQLITE_OK) return kFail;
     }
     {
         Query del(m_stmts[kElmDelete], id, uuidValue);
-        if (run_(del) != SQLITE_OK) return kFail;
+        if (runLocked(del) != SQLITE_OK) return kFail;
     }
     // Only an entry that was there leaves a gap to close; an unknown uuid changes nothing.
     if (found) {
         Query shift(m_stmts[kElmShiftDownAfter], id, static_cast<int>(order));
-        if (run_(shift) != SQLITE_OK) return kFail;
+        if (runLocked(shift) != SQLITE_OK) return kFail;
     }
     return sp.release() == SQLITE_OK ? 0 : kFail;
 }
 
 int CSqlitePlaylist::delAllElmInPlaylist(const char* title, const char* appType) {
     ThreadSingleLock guard(m_lock);
-    return delAllElmInPlaylist_(orEmpty(title), orEmpty(appType));
+    return delAllElmInPlaylistLocked(orEmpty(title), orEmpty(appType));
 }
 
 int CSqlitePlaylist::reorderPlaylistElm(int playlistID, int fromOrder, int toOrder) {
@@ -720,7 +716,7 @@ int CSqlitePlaylist::reorderPlaylistElm(int playlistID, int fromOrder, int toOrd
     bool found = false;
     {
         Query q(m_stmts[kElmUuidAt], playlistID, fromOrder);
-        rc = selectInt_(q, uuid, found);
+        rc = selectIntLocked(q, uuid, found);
         if (rc != SQLITE_OK) return rc;
     }
     // Nothing at fromOrder: shifting the others would only open a gap.
@@ -728,12 +724,12 @@ int CSqlitePlaylist::reorderPlaylistElm(int playlistID, int fromOrder, int toOrd
     {
         Query shift = fromOrder < toOrder ? Query(m_stmts[kElmMoveDown], playlistID, fromOrder, toOrder)
                                           : Query(m_stmts[kElmMoveUp], playlistID, toOrder, fromOrder);
-        rc = run_(shift);
+        rc = runLocked(shift);
         if (rc != SQLITE_OK) return rc;
     }
     {
         Query set(m_stmts[kElmSetOrder], toOrder, playlistID, uuid);
-        rc = run_(set);
+        rc = runLocked(set);
         if (rc != SQLITE_OK) return rc;
     }
     return sp.release();
@@ -741,9 +737,9 @@ int CSqlitePlaylist::reorderPlaylistElm(int playlistID, int fromOrder, int toOrd
 
 int CSqlitePlaylist::adjustPlayOrder(int playlistID, int fromOrder, int delta) {
     ThreadSingleLock guard(m_lock);
-    if (getSizeOfPlaylist_(playlistID) < fromOrder) return -1;
+    if (getSizeOfPlaylistLocked(playlistID) < fromOrder) return -1;
     Query q(m_stmts[kElmAdjust], delta, playlistID, fromOrder);
-    int rc = run_(q);
+    int rc = runLocked(q);
     char* sql = q.get() ? sqlite3_expanded_sql(q.get()) : nullptr;
     LOG_TRACE("xxxx ret:%d cmd:%s", rc, sql ? sql : kSql[kElmAdjust]);
     sqlite3_free(sql);
@@ -758,12 +754,12 @@ int CSqlitePlaylist::transBegin() {
     m_transOwner.store(pthread_self(), std::memory_order_relaxed);
     m_inTrans.store(true, std::memory_order_release);
     Query q(m_stmts[kBegin]);
-    return run_(q);  // the lock stays held even when BEGIN failed: transEnd releases it
+    return runLocked(q);  // the lock stays held even when BEGIN failed: transEnd releases it
 }
 
 int CSqlitePlaylist::transAddElmInPlaylist(int playlistID, mediaType_e mediaType, contentType_e contentType,
                                            const char* content, int orderNr) {
-    return insertElm_(playlistID, orderNr, mediaType, contentType, orEmpty(content), "N/A");
+    return insertElmLocked(playlistID, orderNr, mediaType, contentType, orEmpty(content), "N/A");
 }
 
 int CSqlitePlaylist::transEnd() {
@@ -777,12 +773,12 @@ int CSqlitePlaylist::transEnd() {
     int rc;
     {
         Query commit(m_stmts[kCommit]);
-        rc = run_(commit);
+        rc = runLocked(commit);
     }
     // A transaction left open would swallow every later change of the daemon.
     if (rc != SQLITE_OK && m_db && !sqlite3_get_autocommit(m_db)) {
         Query rollback(m_stmts[kRollback]);
-        run_(rollback);
+        runLocked(rollback);
     }
     m_inTrans.store(false, std::memory_order_release);
     pthread_mutex_unlock(&m_lock);

@@ -49,7 +49,6 @@ public:
     int delElmInPlaylist(const char* title, const char* appType, uint64_t uuid) override;
     int delAllElmInPlaylist(const char* title, const char* appType) override;
     int reorderPlaylistElm(int playlistID, int fromOrder, int toOrder) override;
-    int getPlaylistElmByIndex_NOLOCK(playlistElm_t& elm, int playlistID, int index) override;
     int adjustPlayOrder(int playlistID, int fromOrder, int delta) override;
 
     // Batch insertion: transBegin takes the store's lock and opens a transaction, which
@@ -110,24 +109,24 @@ private:
     // SQLite's message in red, placed at the statement's caller.
     void logSqlError_(const std::source_location& where = std::source_location::current()) const;
 
-    int createTable_(const char* sql);
-    int getSizeOfPlaylistLib_(std::string_view appType);
-    int getSizeOfPlaylist_(int playlistID);
-    int getPlaylistElmByIndex_(playlistElm_t& elm, int playlistID, int index);
-    int delAllElmInPlaylist_(std::string_view title, std::string_view appType);
+    int createTableLocked(const char* sql);
+    int getSizeOfPlaylistLibLocked(std::string_view appType);
+    int getSizeOfPlaylistLocked(int playlistID);
+    int getPlaylistElmByIndexLocked(playlistElm_t& elm, int playlistID, int index);
+    int delAllElmInPlaylistLocked(std::string_view title, std::string_view appType);
     // SQLite's result of looking the playlist up; id is 0 when there is none.
-    int lookupPlaylistID_(std::string_view title, std::string_view appType, int& id);
+    int lookupPlaylistIDLocked(std::string_view title, std::string_view appType, int& id);
     // The id of a playlist an entry edit needs; false (logged) on an error or when it is missing.
-    bool findEditablePlaylist_(const char* title, const char* appType, int& id);
+    bool findEditablePlaylistLocked(const char* title, const char* appType, int& id);
     // Column 0 of the last row of a one-integer select: SQLITE_OK (found tells whether a row
     // came) or the logged error code.
-    int selectInt_(Query& query, sqlite3_int64& value, bool& found,
+    int selectIntLocked(Query& query, sqlite3_int64& value, bool& found,
                    const std::source_location& where = std::source_location::current());
     // The same as a plain value: -1 when there is no row or on an error.
-    int selectInt_(Query& query, const std::source_location& where = std::source_location::current());
+    int selectIntLocked(Query& query, const std::source_location& where = std::source_location::current());
     // Runs a statement that returns no rows: SQLITE_OK or the logged error code.
-    int run_(Query& query, const std::source_location& where = std::source_location::current());
-    int insertElm_(int playlistID, int orderNr, mediaType_e mediaType, contentType_e contentType,
+    int runLocked(Query& query, const std::source_location& where = std::source_location::current());
+    int insertElmLocked(int playlistID, int orderNr, mediaType_e mediaType, contentType_e contentType,
                    std::string_view content, std::string_view objId);
 
     std::string m_path;
@@ -142,3 +141,23 @@ private:
 
 // The process-wide store.
 inline CSqlitePlaylist& playlistStore() { return *CGlobalsSingleton<CSqlitePlaylist>::get(); }
+
+// The store's batch transaction for one scope: transBegin when made, transEnd (a commit, or a
+// roll-back when the commit fails) by end() or, whatever way the scope is left, at its end.
+class PlaylistBatch {
+public:
+    explicit PlaylistBatch(CSqlitePlaylist& store) : m_store(store) { m_store.transBegin(); }
+    ~PlaylistBatch() {
+        if (!m_ended) m_store.transEnd();
+    }
+    PlaylistBatch(const PlaylistBatch&) = delete;
+    PlaylistBatch& operator=(const PlaylistBatch&) = delete;
+    int end() {
+        m_ended = true;
+        return m_store.transEnd();
+    }
+
+private:
+    CSqlitePlaylist& m_store;
+    bool m_ended = false;
+};

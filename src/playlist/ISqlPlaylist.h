@@ -46,8 +46,6 @@ public:
     virtual int delAllElmInPlaylist(const char* title, const char* appType) = 0;
     // Moves the entry at fromOrder to toOrder. SQLite's result code of the last statement.
     virtual int reorderPlaylistElm(int playlistID, int fromOrder, int toOrder) = 0;
-    // As getPlaylistElmByIndex, for a caller that already holds the store's lock.
-    virtual int getPlaylistElmByIndex_NOLOCK(playlistElm_t& elm, int playlistID, int index) = 0;
     // Adds delta to every OrderNr >= fromOrder when the playlist reaches fromOrder. SQLite's
     // result code, or -1.
     virtual int adjustPlayOrder(int playlistID, int fromOrder, int delta) = 0;

@@ -3,7 +3,7 @@
 #include <climits>
 #include <cstdlib>
 
-#include "protocol/ResultCodes.h"
+#include "util/ResultCodes.h"
 #include "util/Log.h"
 #include "protocol/ParamXmlWrapper.h"
 

@@ -21,8 +21,30 @@ public:
     ThreadSingleLock(const ThreadSingleLock&) = delete;
     ThreadSingleLock& operator=(const ThreadSingleLock&) = delete;
 
+    // For ScopeUnlock and condition waits only: the guard still releases at its end.
+    void unlock() { pthread_mutex_unlock(&m_mutex); }
+    void lock() { pthread_mutex_lock(&m_mutex); }
+    pthread_mutex_t& mutex() { return m_mutex; }
+
 private:
     pthread_mutex_t& m_mutex;
+};
+
+// Tries a mutex without throwing: held() tells whether it was taken; released at the end of
+// the scope only then.
+class ThreadTryLock {
+public:
+    explicit ThreadTryLock(pthread_mutex_t& mutex) : m_mutex(mutex), m_held(pthread_mutex_trylock(&mutex) == 0) {}
+    ~ThreadTryLock() {
+        if (m_held) pthread_mutex_unlock(&m_mutex);
+    }
+    ThreadTryLock(const ThreadTryLock&) = delete;
+    ThreadTryLock& operator=(const ThreadTryLock&) = delete;
+    bool held() const { return m_held; }
+
+private:
+    pthread_mutex_t& m_mutex;
+    const bool m_held;
 };
 
 class ThreadSingleTryLock {
@@ -48,6 +70,36 @@ public:
 
 private:
     pthread_rwlock_t& m_lock;
+};
+
+// Tries the write side without waiting: held() tells whether it was taken.
+class ThreadTryWriteLock {
+public:
+    explicit ThreadTryWriteLock(pthread_rwlock_t& lock) : m_lock(lock), m_held(pthread_rwlock_trywrlock(&lock) == 0) {}
+    ~ThreadTryWriteLock() {
+        if (m_held) pthread_rwlock_unlock(&m_lock);
+    }
+    ThreadTryWriteLock(const ThreadTryWriteLock&) = delete;
+    ThreadTryWriteLock& operator=(const ThreadTryWriteLock&) = delete;
+    bool held() const { return m_held; }
+
+private:
+    pthread_rwlock_t& m_lock;
+    const bool m_held;
+};
+
+// Releases a held lock guard (std::unique_lock, ThreadSingleLock) for the rest of the scope and
+// takes it again at the end: for calls that must not run under the lock (a device, a program).
+template <class Lock>
+class ScopeUnlock {
+public:
+    explicit ScopeUnlock(Lock& lock) : m_lock(lock) { m_lock.unlock(); }
+    ~ScopeUnlock() { m_lock.lock(); }
+    ScopeUnlock(const ScopeUnlock&) = delete;
+    ScopeUnlock& operator=(const ScopeUnlock&) = delete;
+
+private:
+    Lock& m_lock;
 };
 
 class ThreadWriteLock {

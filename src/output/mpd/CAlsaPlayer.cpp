@@ -1,3 +1,4 @@
+#include "util/ResultCodes.h"
 #include "output/mpd/CAlsaPlayer.h"
 
 #include <pthread.h>
@@ -157,7 +158,7 @@ std::unique_ptr<CPlayer> CAlsaPlayer::create(const std::string& renderID, const 
                                              const std::string& playlistTitle, const std::string& appType,
                                              int& result) {
     if (isSndDevBusy(render.card, render.device)) {
-        result = -19;
+        result = result::kPlayerBusy;
         return nullptr;
     }
     return std::make_unique<CAlsaPlayer>(render.type, renderID, render.name, playlistTitle, appType, render.card);

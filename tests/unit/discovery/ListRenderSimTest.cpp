@@ -65,7 +65,7 @@ protected:
         ThreadReadLock lock(manager.getRWLock());
         renderCacheInfo_s r;
         r.type = 0xdeadu;  // stays when the render is not cached
-        manager.searchRenderInCache_(id, r);
+        manager.searchRenderInCacheLocked(id, r);
         return r;
     }
     int calls(const std::string& program, const std::string& argument) { return callLog.count(program, {argument}); }
@@ -214,7 +214,7 @@ TEST(RenderCacheRefresh, TypeAndCapabilityBits) {
     CPlayerManager manager(nullptr, 3600);
     auto cached = [&](const char* id, renderCacheInfo_s& out) {
         ThreadReadLock lock(manager.getRWLock());
-        return manager.searchRenderInCache_(id, out) == 0;
+        return manager.searchRenderInCacheLocked(id, out) == 0;
     };
     XMLNode reply = XMLNode::parseString(
         "<root><status>0</status><device Type=\"DLNA\"><deviceName>Den TV</deviceName><deviceId>uuid:den</deviceId><ip>10.0.0.7</ip>"

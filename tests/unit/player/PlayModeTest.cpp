@@ -69,14 +69,14 @@ TEST_F(PlayModeTest, LeavingShuffleRestoresPlaylistOrder) {
     makePlaylist("list", 20);
     auto p = playerWith("list");
     p->setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
-    p->setCurrTrackIndex_(7);
+    p->setCurrTrackIndex(7);
     uint64_t playing = p->getPlayQueue()[7].order;
     p->setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
     EXPECT_EQ(queueOrders(*p), identity(20));
     EXPECT_EQ(p->getCurrTrackIndex(), playing) << "from SHUFFLE the index follows the track being played";
 
     enterMode(*p, PLAYMODE_SHUFFLE_REPEAT_ONE_E);
-    p->setCurrTrackIndex_(7);
+    p->setCurrTrackIndex(7);
     p->setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
     EXPECT_EQ(queueOrders(*p), identity(20));
     EXPECT_EQ(p->getCurrTrackIndex(), 7u) << "from SHUFFLE_REPEAT_ONE the index stays";
@@ -91,7 +91,7 @@ TEST_F(PlayModeTest, ShuffleInvariants) {
         const auto uuids = queueUuids(*p);
         uint64_t current = static_cast<uint64_t>(round % uuids.size());
         p->setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
-        p->setCurrTrackIndex_(current);
+        p->setCurrTrackIndex(current);
         // An upper bound past the queue's end must be harmless.
         p->setPlayMode(PLAYMODE_SHUFFLE_E, round % 3, round % 2 ? 0 : 40);
         auto orders = queueOrders(*p);

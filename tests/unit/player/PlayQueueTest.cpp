@@ -19,18 +19,18 @@ TEST_F(PlayQueueTest, LoadFollowsThePlaylistAndKeepsTheIndex) {
     EXPECT_TRUE(p->calls.empty());
     EXPECT_EQ(playerWith("missing")->getPlaylistID(), -1);
 
-    p->setCurrTrackIndex_(2);
+    p->setCurrTrackIndex(2);
     appendEntry("list", 4);
     ASSERT_EQ(playlistStore().delElmInPlaylist("list", "music", static_cast<uint64_t>(storeUuids(id)[0])), 0);
     playlistStore().reorderPlaylistElm(id, 3, 0);
-    p->loadPlaylist_();
+    p->loadPlaylist();
     EXPECT_EQ(queueUuids(*p), storeUuids(id));
     EXPECT_EQ(queueOrders(*p), identity(4));
     EXPECT_EQ(p->getCurrTrackIndex(), 2u);
 
     // A reload in a shuffle mode keeps the mode but plays in playlist order.
     p->setPlayMode(PLAYMODE_SHUFFLE_REPEAT_E, 0, 0);
-    p->loadPlaylist_();
+    p->loadPlaylist();
     EXPECT_EQ(p->getPlayMode(), PLAYMODE_SHUFFLE_REPEAT_E);
     EXPECT_EQ(queueOrders(*p), identity(4));
 }
@@ -40,7 +40,7 @@ TEST_F(PlayQueueTest, SetPlaylistRestartsOnlyWhatWasPlaying) {
     int second = makePlaylist("second", 5);
 
     auto p = playerWith("first");
-    p->setCurrTrackIndex_(2);
+    p->setCurrTrackIndex(2);
     p->setPlaylist("second", "music");
     EXPECT_EQ(p->takeCalls(), (Calls{"stop(true)"}));
     EXPECT_EQ(queueUuids(*p), storeUuids(second));
@@ -89,7 +89,7 @@ TEST_F(PlayQueueTest, DeleteRelativeToTheCurrentTrack) {
     for (const auto& c : cases) {
         auto p = playerWith("list");
         p->setPlayMode(c.mode, 0, 0);
-        p->setCurrTrackIndex_(c.current);
+        p->setCurrTrackIndex(c.current);
         const auto original = queueUuids(*p);
         playQueueItem_s item{0, original[c.deleted]};
         p->delItemFromPlayQueue(item);
@@ -115,7 +115,7 @@ TEST_F(PlayQueueTest, DeleteRelativeToTheCurrentTrack) {
 TEST_F(PlayQueueTest, ReorderInPlaylistOrderMovesTheItem) {
     makePlaylist("list", 5);
     auto p = playerWith("list");
-    p->setCurrTrackIndex_(1);
+    p->setCurrTrackIndex(1);
     auto u = queueUuids(*p);
     p->reorderPlayQueue(0, 3);
     p->reorderPlayQueue(1, 5);  // past the end: nothing moves

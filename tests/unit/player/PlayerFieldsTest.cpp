@@ -51,7 +51,7 @@ TEST(PlayerConcurrencyTest, StatusReadsRaceBackendReports) {
             p.setTotalTime("00:10:00");
             p.setPlayerState(i % 2 ? STATE_PLAY_E : STATE_PAUSE_E);
             p.setSubtitleTrack(i % 3);
-            p.setCurrTrackIndex_(0);
+            p.setCurrTrackIndex(0);
         }
         done = true;
     });

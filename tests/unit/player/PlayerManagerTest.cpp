@@ -38,10 +38,10 @@ TEST(PlayerManagerTest, PlayerIsRetiredOnTheFourthMissedListingInARowAndRevived)
     EXPECT_EQ(count(a->calls, "stop(true)"), 1);
     EXPECT_EQ(count(a->calls, "monitor(off)"), 1);
 
-    // Back on the network: the very same player returns, without an address until listed.
+    // Back on the network: the very same player returns, with the address of this listing.
     m.listOnly({"a", "b"});
     EXPECT_EQ(m.add("a"), a);
-    EXPECT_EQ(a->getIP(), "");
+    EXPECT_EQ(a->getIP(), "10.0.0.7");
     EXPECT_EQ(m.getNumOfPlayer(), 2u);
 }
 

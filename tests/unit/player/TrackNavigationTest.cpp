@@ -24,7 +24,7 @@ TEST_F(TrackNavigationTest, AdvancePastTheLastTrackInEveryMode) {
         auto p = playerWith("list");
         p->setPlayMode(c.mode == PLAYMODE_SHUFFLE_REPEAT_ONE_E ? PLAYMODE_SHUFFLE_E : c.mode, 0, 0);
         if (c.mode == PLAYMODE_SHUFFLE_REPEAT_ONE_E) p->setPlayMode(PLAYMODE_REPEAT_ONE_E, 0, 0);
-        p->setCurrTrackIndex_(3);
+        p->setCurrTrackIndex(3);
         // Each advance starts the next track from scratch: no time, default tracks, no subtitle.
         for (int step = 0; step < 2; ++step) {
             p->setCurrTime("00:03:10");
@@ -63,7 +63,7 @@ TEST_F(TrackNavigationTest, SetCurrTrackByNumberAndByOrder) {
     for (unsigned int track = 0; track < 6; ++track) {
         ASSERT_EQ(p->setCurrTrack(track), 0);
         EXPECT_EQ(p->getCurrTrack(), track);
-        p->setCurrTrackIndex_(0);
+        p->setCurrTrackIndex(0);
         ASSERT_EQ(p->setCurrTrackIdByOrder(track), 0);
         EXPECT_EQ(p->getCurrTrack(), track);
     }
@@ -96,7 +96,7 @@ TEST_F(TrackNavigationTest, SetCurrTrackByContentPlaysOnlyWhatTheQueueHolds) {
 TEST_F(TrackNavigationTest, StatusDescribesTheCurrentEntry) {
     makePlaylist("list", 3);
     auto p = playerWith("list");
-    p->setCurrTrackIndex_(2);
+    p->setCurrTrackIndex(2);
     p->setCurrTime("00:00:30");
     p->setSeekOffset("00:01:00");
     playerStatus_s s;

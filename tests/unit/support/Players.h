@@ -85,7 +85,7 @@ public:
     void listOnly(const std::vector<std::string>& ids) {
         {
             ThreadWriteLock lock(getRWLock());
-            clearRenderFoundFlags_();
+            clearRenderFoundFlagsLocked();
         }
         for (const auto& id : ids) list(id);
     }
@@ -93,15 +93,15 @@ public:
     FakePlayer* add(const std::string& id) {
         ThreadWriteLock lock(getRWLock());
         int result = -4;
-        return static_cast<FakePlayer*>(addPlayer_(result, id, "", ""));
+        return static_cast<FakePlayer*>(addPlayerLocked(result, id, "", ""));
     }
     FakePlayer* player(const std::string& id) {
         ThreadReadLock lock(getRWLock());
-        return static_cast<FakePlayer*>(findCreatedPlayer_(id));
+        return static_cast<FakePlayer*>(findCreatedPlayerLocked(id));
     }
 
 protected:
-    std::unique_ptr<CPlayer> createBackend_(const std::string& id, const renderCacheInfo_s& render,
+    std::unique_ptr<CPlayer> createBackend(const std::string& id, const renderCacheInfo_s& render,
                                             const std::string& title, const std::string& appType, int&) override {
         return std::make_unique<FakePlayer>(render.type, id, render.name, title, appType);
     }

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <thread>
 
-#include "thread/CMyMonitor.h"
 #include "thread/CThread.h"
 #include "thread/ThreadLock.h"
 
@@ -29,12 +28,6 @@ protected:
     void onExit() override { exited = true; }
 };
 
-struct Target {
-    std::atomic<int> calls{0};
-    void callback() { ++calls; }
-    std::string getDeviceName() const { return "test-device"; }
-};
-
 }  // namespace
 
 TEST(ThreadTest, BodyRunsAndAnExceptionStaysInside) {
@@ -44,34 +37,4 @@ TEST(ThreadTest, BodyRunsAndAnExceptionStaysInside) {
     EXPECT_TRUE(w.startedUp);
     EXPECT_EQ(w.steps.load(), 3);
     EXPECT_FALSE(w.exited);  // the throw skipped onExit
-}
-
-TEST(MonitorTest, CallsBackPausesAndResumes) {
-    Target target;
-    myMonitor::CMyMonitor<Target> monitor(&target, 0);
-    ASSERT_EQ(monitor.start("monitor"), 0);
-    while (target.calls < 3) std::this_thread::sleep_for(1ms);
-
-    monitor.pause();
-    EXPECT_TRUE(monitor.isPaused());
-    EXPECT_TRUE(monitor.isStopRequested());
-    std::this_thread::sleep_for(20ms);  // a callback under way may still finish
-    int frozen = target.calls;
-    std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(target.calls.load(), frozen);
-
-    monitor.resume();
-    while (target.calls < frozen + 3) std::this_thread::sleep_for(1ms);
-}
-
-TEST(MonitorTest, DestroyingAPausedMonitorWakesAndEndsIt) {
-    Target target;
-    auto start = std::chrono::steady_clock::now();
-    {
-        myMonitor::CMyMonitor<Target> monitor(&target, 3600);
-        ASSERT_EQ(monitor.start("monitor"), 0);
-        while (target.calls < 1) std::this_thread::sleep_for(1ms);
-        monitor.pause();
-    }
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
 }

@@ -16,7 +16,7 @@ public:
     ExposedManager() : CPlayerManager(std::make_shared<BackendTable>(), 3600) {}
     CPlayer* created(const std::string& id) {
         ThreadReadLock lock(getRWLock());
-        return findCreatedPlayer_(id);
+        return findCreatedPlayerLocked(id);
     }
     size_t retired() {
         ThreadReadLock lock(getRWLock());

@@ -71,7 +71,7 @@ TEST_F(DlnaTest, BusyRendererIsAskedFiveTimesAtMost) {
     for (auto [busy, shows, attempts] : {std::tuple("busy=3", "mu_101", 4), std::tuple("busy=5", "mu_102", 5)}) {
         SCOPED_TRACE(busy);
         ASSERT_TRUE(renderer(kTvId, {busy, "stall=1"}));
-        p->setCurrTrackIndex_(0);
+        p->setCurrTrackIndex(0);
         newCalls();
         ASSERT_EQ(p->play(), 0);
         std::vector<std::string> expected(static_cast<size_t>(attempts), loadObject("mu_101"));
@@ -95,7 +95,7 @@ TEST_F(DlnaTest, StandingPositionGivesTheTrackUpAfterTwentyPollsAndFailedOnesAft
                                    std::pair(std::vector<std::string>{"stall=0", "fail_position=1"}, 10u)}) {
         SCOPED_TRACE(settings.back());
         ASSERT_TRUE(renderer(kTvId, settings));
-        p->setCurrTrackIndex_(0);
+        p->setCurrTrackIndex(0);
         newCalls();
         auto started = Clock::now();
         ASSERT_EQ(p->play(), 0);

@@ -135,7 +135,7 @@ TEST_F(WorkerTest, ARefusedQueueStopsAfterOneRoundAndAnUnplayableOneAtOnce) {
 
     // One refusal among playable tracks is skipped, and the count starts again.
     p.takeCalls();
-    p.setCurrTrackIndex_(0);
+    p.setCurrTrackIndex(0);
     p.onStart([](size_t index) { return index == 1 ? Start::Refused : Start::Started; });
     p.onFollow([] { return Follow::Over; });
     ASSERT_EQ(p.play(), 0);
@@ -297,7 +297,7 @@ TEST_F(WorkerTest, TheManagerEditsWhileTheWorkerMovesThroughTheQueue) {
                 if (size > 1) p.reorderPlayQueue(0, size - 1);
                 break;
             case 3: p.setPlayMode(round % 16 < 8 ? PLAYMODE_SHUFFLE_REPEAT_E : PLAYMODE_REPEAT_E, 0, 0); break;
-            case 4: p.loadPlaylist_(); break;
+            case 4: p.loadPlaylist(); break;
             case 5: p.setPlaylist(round % 16 < 8 ? "two" : "one", "music"); break;
             case 6:
                 if (size > 0) p.setCurrTrack(static_cast<unsigned int>(round % size));

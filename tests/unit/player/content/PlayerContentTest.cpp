@@ -103,14 +103,14 @@ TEST_F(ContentTest, PlayHistoryRecordsPositionTotalAndOwner) {
                                                                         "-m", "1", "-s", "180", "-o", uid})}));
 
     // An object is recorded under its file; the seek offset counts towards the position.
-    player.setCurrTrackIndex_(1);
+    player.setCurrTrackIndex(1);
     player.setSeekOffset("00:01:00");
     ASSERT_EQ(player.savePlayHistory(), 0);
     EXPECT_EQ(newCalls(), (Lines{callLine("tessaly", {"-c", "getFilePath", "--objectID", "mu_102"}),
                                  callLine("ebonry", {"savePlayHistory", at(kRain), "-p", "102", "-m", "1", "-s",
                                                      "180", "-o", uid})}));
 
-    player.setCurrTrackIndex_(2);
+    player.setCurrTrackIndex(2);
     ASSERT_EQ(player.savePlayHistory(), 0);
     EXPECT_EQ(newCalls(), (Lines{callLine("ebonry", {"savePlayHistory", "-p", "102", "-m", "1",
                                                                         "-e", "201", "-a", "2", "-x", uid})}));
