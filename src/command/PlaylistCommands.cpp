@@ -1,5 +1,7 @@
 #include "command/PlaylistCommands.h"
 
+#include "agent/MediaAgent.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,8 +29,8 @@
 namespace {
 
 constexpr const char* kDupFile = "/tmp/.dupPlaylist.list";
-constexpr const char* kMediaAgent = "/usr/bin/tessaly";
-constexpr int kMediaAgentTimeoutSec = 10;
+// The agent's answer about one file: a few fields.
+constexpr size_t kObjectAnswerCap = 8192;
 
 using reqparam::toInt;
 
@@ -102,8 +104,9 @@ int get_upnp_object_id(CPlayerManager&, XMLNode& request, XMLNode& answer) {
     }
 
     std::string output;
-    std::vector<std::string> argv{approot::path(kMediaAgent), "-c", "getObjectID", "--filePath", realPath};
-    if (execute_external_cmd(argv, output, kMediaAgentTimeoutSec) != 0) return result::kAgentFailure;
+    mediaagent::Argv argv = mediaagent::command("getObjectID");
+    argv.insert(argv.end(), {"--filePath", realPath});
+    if (!mediaagent::query(argv, kObjectAnswerCap, output)) return result::kAgentFailure;
 
     XMLNode reply = XMLNode::parseString(output, "root");
     if (reply.isEmpty()) return result::kBadAgentAnswer;

@@ -1,39 +1,33 @@
 #include "command/StatusCache.h"
 
 #include <cstring>
+#include <initializer_list>
 #include <vector>
 
-#include "util/AppRoot.h"
+#include "agent/MediaAgent.h"
 #include "util/Log.h"
-#include "util/Process.h"
 
 namespace {
 
-constexpr const char* kMediaAgent = "/usr/bin/tessaly";
-constexpr int kAgentTimeoutSec = 10;
-
-// Runs the media agent and parses its <root> answer; empty on any failure.
-XMLNode askAgent(const std::vector<std::string>& args) {
-    std::vector<std::string> argv{approot::path(kMediaAgent)};
-    argv.insert(argv.end(), args.begin(), args.end());
-    LOG_AGENT("%s", formatCommandLine(argv).c_str());
-    std::string output;
-    if (execute_external_cmd(argv, output, kAgentTimeoutSec) != 0) return XMLNode();
-    return XMLNode::parseString(output, "root");
+// Asks the media agent; its <root> answer, empty on any failure.
+XMLNode askAgent(const char* command, std::initializer_list<std::string> options) {
+    mediaagent::Argv argv = mediaagent::command(command);
+    argv.insert(argv.end(), options);
+    return mediaagent::ask(argv);
 }
 
 // The media server's object id of the status's current track; empty when it has none.
 std::string objectIdOf(const playerStatus_t& status) {
     XMLNode reply;
     if (status.trackContentType == "file") {
-        reply = askAgent({"-c", "getObjectID", "--filePath", status.trackContent});
+        reply = askAgent("getObjectID", {"--filePath", status.trackContent});
     } else if (status.trackContentType == "dbID") {
         int mediaType = status.trackType == "audio" ? 0 : status.trackType == "photo" ? 1 : status.trackType == "video" ? 2 : -1;
         if (mediaType < 0) {
             LOG_ERR("Unknow track media type");
             return "";
         }
-        reply = askAgent({"-c", "getObjectID", "--dbID", status.trackContent, "--mediaType", std::to_string(mediaType)});
+        reply = askAgent("getObjectID", {"--dbID", status.trackContent, "--mediaType", std::to_string(mediaType)});
     } else if (status.trackContentType == "object") {
         return status.trackContent;
     } else {
@@ -53,7 +47,7 @@ std::string objectIdOf(const playerStatus_t& status) {
 XMLNode trackList(const char* command, const std::string& objectID, const char* response, const char* listName,
                   const char* itemName) {
     XMLNode list = XMLNode::createXMLTopNode(listName);
-    XMLNode reply = askAgent({"-c", command, "--objectID", objectID});
+    XMLNode reply = askAgent(command, {"--objectID", objectID});
     XMLNode didl = reply.getChildNode(response).getChildNode("Result").getChildNode("DIDL-Lite");
     int cursor = 0;
     for (XMLNode track = didl.getChildNode(itemName, &cursor); !track.isEmpty();

@@ -1,5 +1,7 @@
 #include "discovery/RenderListing.h"
 
+#include "agent/MediaAgent.h"
+
 #include <strings.h>
 
 #include <cstdlib>
@@ -191,7 +193,7 @@ int list_render(CPlayerManager& playerManager, XMLNode& request, XMLNode& answer
         if (wanted(kFilterDlna)) {
             if (cache.refreshed) {
                 std::string out;
-                if (discovery::runListing({approot::path("/usr/bin/tessaly"), "-c", "list"}, out) != 0)
+                if (discovery::runListing(mediaagent::command("list"), out) != 0)
                     LOG_ERR("tessaly ... fail");
                 else
                     cache.agentList = std::move(out);

@@ -166,35 +166,8 @@ public:
     std::string getSseek() const;
     std::string getSencoding() const;
 
-    // Content resolution (CPlayerContent.cpp). Each call runs one appliance program, the media
-    // agent unless said otherwise, and returns 0, or -1 with a log line and its outputs untouched
-    // when the program cannot run or times out, or its answer lacks the wanted element. Ids and
-    // paths travel as single arguments, raw: never shell-escaped or quoted.
-    static int dbIDToUpnpObjectID(const std::string& dbID, int mediaType, std::string& objectID);
-    static int upnpObjectToFilePath(const std::string& objectID, std::string& filePath);
-    // Also where the track starts in its file and how long it lasts, in seconds, for a track that
-    // is a slice of a larger file; both -1 for a whole file.
-    static int upnpObjectToFilePath(const std::string& objectID, std::string& filePath, int& startTime,
-                                    int& duration);
-    // Library id -> object id -> file path.
-    static int dbIDToFilePath(const std::string& dbID, int mediaType, std::string& filePath, int& startTime,
-                              int& duration);
-    static int filePathToObjectID(const std::string& filePath, std::string& objectID);
-    // clientType and netInterface: null or empty leaves the option out.
-    static int upnpObjectToUrl(const std::string& objectID, std::string& url, const char* clientType = nullptr,
-                               const char* netInterface = nullptr);
-    static int filePathToUrl(const std::string& filePath, std::string& url, const char* clientType = nullptr,
-                             const char* netInterface = nullptr);
-    // The agent's whole metadata answer (a DIDL-Lite document), for the caller to parse.
-    // startingIndex and requestedCount of -1 leave the option out.
-    static int browseByUpnpObjectID(const std::string& objectID, std::string& out, const char* clientType = nullptr,
-                                    int startingIndex = -1, int requestedCount = -1,
-                                    const char* netInterface = nullptr);
-    static int browseByDbID(const std::string& dbID, int mediaType, std::string& out,
-                            const char* clientType = nullptr, int startingIndex = -1, int requestedCount = -1,
-                            const char* netInterface = nullptr);
-    static int browseByFilePath(const std::string& filePath, std::string& out, const char* clientType = nullptr,
-                                int startingIndex = -1, int requestedCount = -1, const char* netInterface = nullptr);
+    // What the media library's tools say (CPlayerContent.cpp); the media agent's questions
+    // are agent/MediaAgent.h's. Each returns 0, or -1 with a log line.
     // The numeric user id of an appliance user (/usr/bin/id -u).
     static int getUserId(const std::string& owner, std::string& uid);
     // "Share/dir/file.srt" (a leading '/' allowed) -> the file's absolute path inside that share,

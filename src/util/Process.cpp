@@ -124,6 +124,89 @@ void Subprocess::reset() {
 
 void Subprocess::closeStdin() { closeFd(m_in); }
 
+Subprocess::Read Subprocess::readLine(std::string& line, int timeoutMs) {
+    const auto deadline = Clock::now() + std::chrono::milliseconds(std::max(0, timeoutMs));
+    for (;;) {
+        const size_t nl = m_pending.find('\n');
+        if (nl != std::string::npos) {
+            line.assign(m_pending, 0, nl);
+            m_pending.erase(0, nl + 1);
+            const bool dropped = std::exchange(m_dropping, false);
+            if (!line.empty() && line.back() == '\r') line.pop_back();
+            if (!dropped) return Read::Line;
+            continue;  // the tail of an over-long line already given out
+        }
+        if (m_pending.size() >= kMaxLine) {
+            line.assign(m_pending, 0, kMaxLine);
+            m_pending.clear();
+            if (!std::exchange(m_dropping, true)) return Read::Line;
+        }
+        if (m_out < 0) return Read::Eof;
+        const int left = static_cast<int>(std::max<long long>(
+            0, std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count()));
+        pollfd p{m_out, POLLIN, 0};
+        const int n = ::poll(&p, 1, left);
+        if (n < 0 && errno == EINTR) continue;
+        if (n == 0) return Read::TimedOut;
+        char buf[4096];
+        const ssize_t got = n < 0 ? -1 : ::read(m_out, buf, sizeof buf);
+        if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (got <= 0) {
+            closeFd(m_out);
+            if (!m_pending.empty() && !m_dropping) {
+                line = std::move(m_pending);
+                m_pending.clear();
+                return Read::Line;
+            }
+            m_pending.clear();
+            return Read::Eof;
+        }
+        m_pending.append(buf, static_cast<size_t>(got));
+    }
+}
+
+bool Subprocess::writeLine(const std::string& text, int timeoutMs) {
+    if (m_in < 0) return false;
+    // Never block past the deadline on a full pipe.
+    const int flags = ::fcntl(m_in, F_GETFL);
+    if (flags >= 0 && !(flags & O_NONBLOCK)) ::fcntl(m_in, F_SETFL, flags | O_NONBLOCK);
+    // A child that has gone raises SIGPIPE on this thread: held and taken back, never delivered.
+    sigset_t pipeSignal;
+    sigset_t old;
+    sigemptyset(&pipeSignal);
+    sigaddset(&pipeSignal, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeSignal, &old);
+    struct Restore {
+        const sigset_t& pipe;
+        const sigset_t& old;
+        bool raised = false;
+        ~Restore() {
+            if (raised) {
+                timespec zero{};
+                sigtimedwait(&pipe, nullptr, &zero);
+            }
+            pthread_sigmask(SIG_SETMASK, &old, nullptr);
+        }
+    } restore{pipeSignal, old};
+    const std::string data = text + "\n";
+    const auto deadline = Clock::now() + std::chrono::milliseconds(std::max(0, timeoutMs));
+    size_t done = 0;
+    while (done < data.size()) {
+        const int left = static_cast<int>(std::max<long long>(
+            0, std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count()));
+        pollfd p{m_in, POLLOUT, 0};
+        const int n = ::poll(&p, 1, left);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        const ssize_t put = ::write(m_in, data.data() + done, data.size() - done);
+        if (put < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (put < 0 && errno == EPIPE) restore.raised = true;
+        if (put <= 0) return false;
+        done += static_cast<size_t>(put);
+    }
+    return true;
+}
+
 int Subprocess::start(const std::vector<std::string>& argv, const Options& options) {
     if (running()) terminate(kDefaultGraceMs);
     reset();
@@ -339,7 +422,7 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOpti
     switch (options.capture) {
         case Capture::Stdout:
             so.out = toFile ? Stream::File : Stream::Pipe;
-            so.err = Stream::Inherit;
+            so.err = options.discardStderr ? Stream::Null : Stream::Inherit;
             break;
         case Capture::Stderr:
             so.out = toFile ? Stream::File : Stream::Null;

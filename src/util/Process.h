@@ -16,6 +16,8 @@ struct ProcessOptions {
     // Which stream is captured. Stdout: stderr stays the daemon's. Stderr: stdout is discarded.
     // Both: stderr joins stdout ("2>&1"). None: both discarded ("&> /dev/null").
     enum class Capture { Stdout, Stderr, Both, None } capture = Capture::Stdout;
+    // With Capture::Stdout: stderr goes to /dev/null instead of the daemon's ("2> /dev/null").
+    bool discardStderr = false;
     std::string stdinPath;   // empty: /dev/null
     // Non-empty: stdout is appended to this file (created 0644) instead of captured; with
     // Capture::Both stderr goes there too, as ">> file 2>&1" would.
@@ -87,6 +89,17 @@ public:
     int stderrFd() const { return m_err; }
     void closeStdin();
 
+    // Line exchange with a child started with piped stdin and stdout (a sender bridge).
+    enum class Read { Line, TimedOut, Eof };
+    // One line of stdout (without its "\n"; a "\r" before it is dropped too), waiting up to
+    // timeoutMs. A line longer than kMaxLine is cut there, and its rest dropped. Eof: the
+    // child closed stdout (a partial last line is given first, as a Line).
+    Read readLine(std::string& line, int timeoutMs);
+    // Writes text and "\n" whole to stdin, waiting up to timeoutMs; false when the child does
+    // not take it in time or has gone (no SIGPIPE reaches the daemon).
+    bool writeLine(const std::string& text, int timeoutMs);
+    static constexpr size_t kMaxLine = 64 * 1024;
+
     // Reaps the child if it has exited; true once it is gone (also when it never started).
     bool tryWait();
     // Waits up to timeoutMs (<0: for ever) for the child to exit and reaps it; true when reaped.
@@ -116,4 +129,6 @@ private:
     int m_out = -1;
     int m_err = -1;
     int m_pidfd = -1;
+    std::string m_pending;  // stdout read past the last line given out
+    bool m_dropping = false;  // the rest of an over-long line is being skipped
 };

@@ -1,3 +1,4 @@
+#include "agent/MediaAgent.h"
 #include "output/airplay/CAirplayPlayer.h"
 
 #include <algorithm>
@@ -91,11 +92,11 @@ std::string CAirplayPlayer::mediaUrl(const playlistElm_s& elm) {
     std::string objectID = elm.Content;
     int rc = -1;
     switch (elm.ContentType) {
-        case CONTENT_FILE_E: rc = filePathToUrl(elm.Content, url, kClientType, ifaceArg); break;
+        case CONTENT_FILE_E: rc = mediaagent::filePathToUrl(elm.Content, url, kClientType, ifaceArg); break;
         case CONTENT_DBID_E:
-            if (dbIDToUpnpObjectID(elm.Content, elm.MediaType, objectID) != 0) break;
+            if (mediaagent::dbIDToUpnpObjectID(elm.Content, elm.MediaType, objectID) != 0) break;
             [[fallthrough]];
-        case CONTENT_OBJECT_E: rc = upnpObjectToUrl(objectID, url, kClientType, ifaceArg); break;
+        case CONTENT_OBJECT_E: rc = mediaagent::upnpObjectToUrl(objectID, url, kClientType, ifaceArg); break;
         default: break;
     }
     if (rc != 0) url.clear();
@@ -109,8 +110,8 @@ std::string CAirplayPlayer::photoPath(const playlistElm_s& elm) {
     int rc = -1;
     switch (elm.ContentType) {
         case CONTENT_FILE_E: path = elm.Content, rc = 0; break;
-        case CONTENT_DBID_E: rc = dbIDToFilePath(elm.Content, elm.MediaType, path, start, length); break;
-        case CONTENT_OBJECT_E: rc = upnpObjectToFilePath(elm.Content, path); break;
+        case CONTENT_DBID_E: rc = mediaagent::dbIDToFilePath(elm.Content, elm.MediaType, path, start, length); break;
+        case CONTENT_OBJECT_E: rc = mediaagent::upnpObjectToFilePath(elm.Content, path); break;
         default: break;
     }
     if (rc != 0) path.clear();

@@ -16,10 +16,10 @@
 #include "util/Process.h"
 #include "util/Subtitle.h"
 #include "util/TimeText.h"
-#include "agent/DlnaAgent.h"
+#include "agent/MediaAgent.h"
 
 using namespace std::chrono_literals;
-using dlnaagent::Argv;
+using mediaagent::Argv;
 
 namespace {
 
@@ -82,9 +82,9 @@ CDlnaPlayer::CDlnaPlayer(uint32_t type, const std::string& renderID, const std::
     m_bIsArm = machineIsArm();
 
     std::string reply;
-    Argv isXbmc = dlnaagent::command("isXBMC", renderID);
+    Argv isXbmc = mediaagent::command("isXBMC", renderID);
     LOG_AGENT("%s", formatCommandLine(isXbmc).c_str());
-    if (dlnaagent::query(isXbmc, 256, reply)) m_bIsXBMC = reply.find("xbmc") != std::string::npos;
+    if (mediaagent::query(isXbmc, 256, reply)) m_bIsXBMC = reply.find("xbmc") != std::string::npos;
 
     startWorker("dlna");
 }
@@ -142,19 +142,19 @@ int CDlnaPlayer::setAudioAndSubtitle(const char*, int, int, const char*, const c
 
 int CDlnaPlayer::setVolume(int volume) {
     volume = std::clamp(volume, 0, 100);
-    Argv argv = dlnaagent::command("setVolume", getRenderID());
+    Argv argv = mediaagent::command("setVolume", getRenderID());
     argv.insert(argv.end(), {"--vol", std::to_string(volume)});
     LOG_AGENT("%s", formatCommandLine(argv).c_str());
     std::string reply;
-    if (!dlnaagent::query(argv, dlnaagent::kShortReply, reply)) return -1;
+    if (!mediaagent::query(argv, mediaagent::kShortReply, reply)) return -1;
     return reply.find("Success") != std::string::npos ? 0 : -1;
 }
 
 int CDlnaPlayer::getVolume() {
-    Argv argv = dlnaagent::command("getVolume", getRenderID());
+    Argv argv = mediaagent::command("getVolume", getRenderID());
     std::string reply;
-    if (!dlnaagent::query(argv, dlnaagent::kShortReply, reply)) return -1;
-    std::string text = dlnaagent::field(reply, "CurrentVolume");
+    if (!mediaagent::query(argv, mediaagent::kShortReply, reply)) return -1;
+    std::string text = mediaagent::field(reply, "CurrentVolume");
     if (text.empty()) return -1;
     return std::atoi(text.c_str());
 }
@@ -194,15 +194,15 @@ void CDlnaPlayer::setCurrentElm_(const playlistElm_s& elm) {
 }
 
 int CDlnaPlayer::sendPlay_() {
-    Argv argv = dlnaagent::command("Play", getRenderID());
+    Argv argv = mediaagent::command("Play", getRenderID());
     LOG_AGENT("%s", formatCommandLine(argv).c_str());
-    dlnaagent::fire(argv);
-    Argv state = dlnaagent::command("getTransportInfo", getRenderID());
+    mediaagent::fire(argv);
+    Argv state = mediaagent::command("getTransportInfo", getRenderID());
     for (int i = 0; i < kPlayChecks; ++i) {
         if (!nap_(scaled(50))) return -1;
         std::string reply;
-        if (!dlnaagent::query(state, dlnaagent::kShortReply, reply)) continue;
-        std::string text = dlnaagent::field(reply, "CurrentTransportState");
+        if (!mediaagent::query(state, mediaagent::kShortReply, reply)) continue;
+        std::string text = mediaagent::field(reply, "CurrentTransportState");
         if (!text.empty() && strcasecmp(text.c_str(), "TRANSITIONING") != 0) return 0;
     }
     LOG_WARN("%s: still TRANSITIONING after Play", getDeviceName().c_str());
@@ -210,10 +210,10 @@ int CDlnaPlayer::sendPlay_() {
 }
 
 int CDlnaPlayer::sendStop_() {
-    Argv argv = dlnaagent::command("Stop", getRenderID());
+    Argv argv = mediaagent::command("Stop", getRenderID());
     for (int i = 0; i < kStopTries; ++i) {
         LOG_AGENT("%s", formatCommandLine(argv).c_str());
-        dlnaagent::fire(argv);
+        mediaagent::fire(argv);
         if (isRanderStop_() != 0) return 0;
         if (!nap_(tick())) break;
     }
@@ -221,11 +221,11 @@ int CDlnaPlayer::sendStop_() {
 }
 
 int CDlnaPlayer::sendPause_() {
-    Argv argv = dlnaagent::command("Pause", getRenderID());
+    Argv argv = mediaagent::command("Pause", getRenderID());
     LOG_AGENT("%s", formatCommandLine(argv).c_str());
     std::string reply;
-    if (!dlnaagent::query(argv, dlnaagent::kShortReply, reply)) return -1;
-    if (strcasecmp(dlnaagent::field(reply, "Status").c_str(), "Success") != 0) {
+    if (!mediaagent::query(argv, mediaagent::kShortReply, reply)) return -1;
+    if (strcasecmp(mediaagent::field(reply, "Status").c_str(), "Success") != 0) {
         LOG_WARN("%s: Pause refused: %s", getDeviceName().c_str(), reply.c_str());
         return -1;
     }
@@ -234,9 +234,9 @@ int CDlnaPlayer::sendPause_() {
 
 playerState_e CDlnaPlayer::getRenderState_() {
     std::string reply;
-    if (!dlnaagent::query(dlnaagent::command("getTransportInfo", getRenderID()), dlnaagent::kShortReply, reply))
+    if (!mediaagent::query(mediaagent::command("getTransportInfo", getRenderID()), mediaagent::kShortReply, reply))
         return STATE_UNKNOW;
-    std::string state = dlnaagent::field(reply, "CurrentTransportState");
+    std::string state = mediaagent::field(reply, "CurrentTransportState");
     if (strcasecmp(state.c_str(), "PLAYING") == 0) return STATE_PLAY_E;
     if (strcasecmp(state.c_str(), "STOPPED") == 0) return STATE_STOP_E;
     if (strcasecmp(state.c_str(), "PAUSED_PLAYBACK") == 0) return STATE_PAUSE_E;
@@ -245,9 +245,9 @@ playerState_e CDlnaPlayer::getRenderState_() {
 
 int CDlnaPlayer::isRanderStop_() {
     std::string reply;
-    if (!dlnaagent::query(dlnaagent::command("getTransportInfo", getRenderID()), dlnaagent::kShortReply, reply))
+    if (!mediaagent::query(mediaagent::command("getTransportInfo", getRenderID()), mediaagent::kShortReply, reply))
         return -1;
-    std::string state = dlnaagent::field(reply, "CurrentTransportState");
+    std::string state = mediaagent::field(reply, "CurrentTransportState");
     if (state.empty()) return -2;
     return strcasecmp(state.c_str(), "STOPPED") == 0 || strcasecmp(state.c_str(), "NO_MEDIA_PRESENT") == 0 ? 1 : 0;
 }
@@ -255,9 +255,9 @@ int CDlnaPlayer::isRanderStop_() {
 int CDlnaPlayer::setAvTransport_(const char* position, int stopFirst, int audioTrack, int subtitleTrack,
                                  const char* externalSubtitle) {
     if (stopFirst && !m_bIsXBMC && isRanderStop_() != 1) {
-        Argv stopArgv = dlnaagent::command("Stop", getRenderID());
+        Argv stopArgv = mediaagent::command("Stop", getRenderID());
         LOG_AGENT("%s", formatCommandLine(stopArgv).c_str());
-        dlnaagent::fire(stopArgv);
+        mediaagent::fire(stopArgv);
         int stopped = 0;
         for (int i = 0; i < kStopFirstTries; ++i) {
             stopped = isRanderStop_();
@@ -266,7 +266,7 @@ int CDlnaPlayer::setAvTransport_(const char* position, int stopFirst, int audioT
                 return stopped;
             }
             if (stopped) break;
-            dlnaagent::fire(stopArgv);
+            mediaagent::fire(stopArgv);
             if (!nap_(tick())) return -1;
         }
         if (stopped != 1) {
@@ -289,7 +289,7 @@ int CDlnaPlayer::setAvTransport_(const char* position, int stopFirst, int audioT
 
 int CDlnaPlayer::sendAvTransport_(const playlistElm_t& elm, const char* position, int audioTrack, int subtitleTrack,
                                   const char* externalSubtitle) {
-    Argv argv = dlnaagent::command("setAvTransportUrl", getRenderID());
+    Argv argv = mediaagent::command("setAvTransportUrl", getRenderID());
     bool built = true;
     switch (elm.ContentType) {
         case CONTENT_DBID_E: {
@@ -298,7 +298,7 @@ int CDlnaPlayer::sendAvTransport_(const playlistElm_t& elm, const char* position
                 return -1;
             }
             std::string objectID;
-            built = dbIDToUpnpObjectID(elm.Content, elm.MediaType, objectID) == 0;
+            built = mediaagent::dbIDToUpnpObjectID(elm.Content, elm.MediaType, objectID) == 0;
             if (built) argv.insert(argv.end(), {"--objectID", objectID});
             break;
         }
@@ -324,16 +324,16 @@ int CDlnaPlayer::sendAvTransport_(const playlistElm_t& elm, const char* position
     std::string netInterface;
     std::string ip = getIP();
     if (!ip.empty() && get_if_by_ip(ip.c_str(), netInterface) != 0) netInterface.clear();
-    dlnaagent::appendTransportOptions(argv, netInterface, audioTrack, subtitleTrack, externalSubtitle);
+    mediaagent::appendTransportOptions(argv, netInterface, audioTrack, subtitleTrack, externalSubtitle);
     LOG_AGENT(">>>cmd: %s", formatCommandLine(argv).c_str());
 
     for (int attempt = 1; attempt <= kBusyAttempts; ++attempt) {
         std::string reply;
-        if (!dlnaagent::query(argv, dlnaagent::kShortReply, reply)) {
+        if (!mediaagent::query(argv, mediaagent::kShortReply, reply)) {
             LOG_ERR(">>> popen(%s) ... fail", formatCommandLine(argv).c_str());
             return -1;
         }
-        std::string status = dlnaagent::field(reply, "Status");
+        std::string status = mediaagent::field(reply, "Status");
         if (strcasecmp(status.c_str(), "Success") == 0) return 0;
         if (strcasecmp(status.c_str(), "Busy") != 0) {
             LOG_ERR("%s: setAvTransportUrl refused: %s", getDeviceName().c_str(), reply.c_str());
@@ -350,7 +350,7 @@ int CDlnaPlayer::isNeedTranscode(std::string& externalSubtitle) {
     playlistElm_s elm;
     if (getPlaylistElmByIndex(elm, -1) != 0) return 0;
 
-    Argv argv = dlnaagent::command("getContentUrlByMAC", getRenderID());
+    Argv argv = mediaagent::command("getContentUrlByMAC", getRenderID());
     switch (elm.ContentType) {
         case CONTENT_FILE_E:
             if (!is_file_exist(elm.Content.c_str())) {
@@ -367,9 +367,9 @@ int CDlnaPlayer::isNeedTranscode(std::string& externalSubtitle) {
     }
     LOG_AGENT("%s", formatCommandLine(argv).c_str());
     std::string reply;
-    if (!dlnaagent::query(argv, dlnaagent::kLongReply, reply)) return 0;
-    std::string status = dlnaagent::field(reply, "status");
-    std::string url = dlnaagent::field(reply, "url");
+    if (!mediaagent::query(argv, mediaagent::kLongReply, reply)) return 0;
+    std::string status = mediaagent::field(reply, "status");
+    std::string url = mediaagent::field(reply, "url");
     if (strncasecmp(status.c_str(), "success", 7) != 0 || url.empty()) return 0;
     if (url.find("Transcode") != std::string::npos) {
         m_bNeedTranscode = true;
@@ -382,13 +382,13 @@ int CDlnaPlayer::isNeedTranscode(std::string& externalSubtitle) {
     int start = -1;
     int duration = -1;
     int resolved = 0;
-    if (elm.ContentType == CONTENT_DBID_E) resolved = dbIDToFilePath(elm.Content, elm.MediaType, path, start, duration);
-    else if (elm.ContentType == CONTENT_OBJECT_E) resolved = upnpObjectToFilePath(objectIdOf(elm), path);
+    if (elm.ContentType == CONTENT_DBID_E) resolved = mediaagent::dbIDToFilePath(elm.Content, elm.MediaType, path, start, duration);
+    else if (elm.ContentType == CONTENT_OBJECT_E) resolved = mediaagent::upnpObjectToFilePath(objectIdOf(elm), path);
     else path = elm.Content;
     if (resolved != 0) return 1;
     std::string subtitle;
     if (is_default_subtitle_found(path, subtitle)) {
-        externalSubtitle = dlnaagent::urlEscape(subtitle);
+        externalSubtitle = mediaagent::urlEscape(subtitle);
         return 1;
     }
     return 0;
@@ -456,8 +456,8 @@ DeviceSteps::Follow CDlnaPlayer::followPhoto_() {
 
 DeviceSteps::Follow CDlnaPlayer::followPosition_() {
     std::string reply;
-    bool ran = dlnaagent::query(dlnaagent::command("getPositionInfo", getRenderID()), dlnaagent::kShortReply, reply);
-    std::string relTime = dlnaagent::field(reply, "RelTime");
+    bool ran = mediaagent::query(mediaagent::command("getPositionInfo", getRenderID()), mediaagent::kShortReply, reply);
+    std::string relTime = mediaagent::field(reply, "RelTime");
     if (!relTime.empty()) {
         relTime = relTime.substr(0, relTime.find('.'));
         setCurrTime(relTime);
@@ -488,7 +488,7 @@ DeviceSteps::Follow CDlnaPlayer::followPosition_() {
         return Follow::Playing;
     }
     // No position: a reply that says "fail", or none at all, counts towards giving the track up.
-    std::string status = dlnaagent::field(reply, "Status");
+    std::string status = mediaagent::field(reply, "Status");
     if (!ran || strcasecmp(status.c_str(), "fail") == 0) {
         if (++m_trackSkipCnt >= kFailPolls) return Follow::Over;
     }

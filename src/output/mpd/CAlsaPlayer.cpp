@@ -1,3 +1,4 @@
+#include "agent/MediaAgent.h"
 #include "util/ResultCodes.h"
 #include "output/mpd/CAlsaPlayer.h"
 
@@ -345,8 +346,8 @@ int CAlsaPlayer::getNextObjectFilePath(playlistElm_s& elm, std::string& path, in
         if (rc == 0) {
             if (elm.ContentType == CONTENT_FILE_E) path = elm.Content;
             else if (elm.ContentType == CONTENT_DBID_E)
-                rc = dbIDToFilePath(elm.Content, elm.MediaType, path, start, length);
-            else rc = upnpObjectToFilePath(elm.Content, path, start, length);
+                rc = mediaagent::dbIDToFilePath(elm.Content, elm.MediaType, path, start, length);
+            else rc = mediaagent::upnpObjectToFilePath(elm.Content, path, start, length);
         }
         if (rc == 0 && !path.empty()) {
             startOffset = start;

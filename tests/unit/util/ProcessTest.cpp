@@ -194,4 +194,48 @@ TEST(Subprocess, TerminateEscalatesAndDestructorReaps) {
     expectNoChildren();
 }
 
+TEST(Subprocess, LinesBothWaysWithTimeOutsPartialAndOverlongLinesAndAGoneChild) {
+    using Read = Subprocess::Read;
+    Subprocess::Options io;
+    io.in = Subprocess::Stream::Pipe;
+    io.out = Subprocess::Stream::Pipe;
+    Subprocess cat;
+    ASSERT_EQ(cat.start({"/bin/cat"}, io), 0);
+    std::string line;
+    ASSERT_TRUE(cat.writeLine("hello \"there\"", 5000));
+    ASSERT_EQ(cat.readLine(line, 5000), Read::Line);
+    EXPECT_EQ(line, "hello \"there\"");
+    EXPECT_EQ(cat.readLine(line, 30), Read::TimedOut) << "a silent child";
+    cat.closeStdin();
+    EXPECT_EQ(cat.readLine(line, 5000), Read::Eof);
+    EXPECT_TRUE(cat.waitFor(5000));
+    EXPECT_FALSE(cat.writeLine("to nobody", 100)) << "and no SIGPIPE ends the test";
+
+    // A partial last line, CR LF endings, and a line past the cap (cut; its rest dropped).
+    Subprocess talker;
+    ASSERT_EQ(talker.start({"/usr/bin/python3", "-c",
+                            "import sys; sys.stdout.write('a\\r\\n' + 'x' * 70000 + '\\nb\\nlast')"},
+                           io),
+              0);
+    std::vector<std::string> got;
+    while (talker.readLine(line, 5000) == Read::Line) got.push_back(line);
+    ASSERT_EQ(got.size(), 4u);
+    EXPECT_EQ(got[0], "a");
+    EXPECT_EQ(got[1], std::string(Subprocess::kMaxLine, 'x'));
+    EXPECT_EQ(got[2], "b");
+    EXPECT_EQ(got[3], "last");
+    EXPECT_TRUE(talker.waitFor(5000));
+    expectNoChildren();
+}
+
+TEST(RunProcess, StderrAloneCanBeDiscarded) {
+    ProcessOptions o;
+    o.discardStderr = true;
+    testing::internal::CaptureStderr();
+    ProcessResult r = runProcess({"/usr/bin/python3", "-c", "import sys; sys.stderr.write('noise'); print('out')"}, o);
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(r.output, "out\n");
+    EXPECT_EQ(err.find("noise"), std::string::npos);
+}
+
 }  // namespace
