@@ -30,34 +30,11 @@ void appendOptional(Argv& argv, const char* option, const char* value) {
     }
 }
 
-// Runs argv and returns its answer (up to the first NUL); false (logged) when it could not
-// run, timed out, or said more than `cap` bytes.
-bool capture(const Argv& argv, size_t cap, std::string& answer) {
-    ProcessOptions options;
-    options.timeoutMs = kAgentTimeoutMs;
-    options.outputCap = cap;
-    ProcessResult r = runProcess(argv, options);
-    if (r.spawnErrno != 0) {
-        LOG_ERR("Execute %s failed: %s", formatCommandLine(argv).c_str(), std::strerror(r.spawnErrno));
-        return false;
-    }
-    if (r.timedOut) {
-        LOG_ERR("%s timed out", formatCommandLine(argv).c_str());
-        return false;
-    }
-    if (r.truncated) {
-        LOG_ERR("%s: answer longer than %zu bytes", formatCommandLine(argv).c_str(), cap);
-        return false;
-    }
-    answer.assign(r.output.c_str());
-    return true;
-}
-
 // The text of <root>/<field> of the agent's answer to argv; false when there is none.
 bool agentField(const Argv& argv, const char* field, std::string& value, XMLNode* rootOut = nullptr) {
     LOG_TRACE("%s", formatCommandLine(argv).c_str());
     std::string answer;
-    if (!capture(argv, kAnswerCap, answer)) return false;
+    if (!captureOutput(argv, kAnswerCap, kAgentTimeoutMs, answer)) return false;
     LOG_TRACE("\n\n%s", answer.c_str());
     XMLNode root = XMLNode::parseString(answer, "root");
     if (root.isEmpty()) {
@@ -175,22 +152,24 @@ int filePathToObjectID(const std::string& filePath, std::string& objectID) {
     return agentField(argv, "objectID", objectID) ? 0 : -1;
 }
 
-int upnpObjectToUrl(const std::string& objectID, std::string& url, const char* clientType,
-                             const char* netInterface) {
+namespace {
+// getContentUrl for an object (--objectID) or a file (--filePath).
+int contentUrl(const char* by, const std::string& what, std::string& url, const char* clientType,
+               const char* netInterface) {
     Argv argv = command("getContentUrl");
-    argv.insert(argv.end(), {"--objectID", objectID});
+    argv.insert(argv.end(), {by, what});
     appendOptional(argv, "--clientType", clientType);
     appendOptional(argv, "--interface", netInterface);
     return agentField(argv, "url", url) ? 0 : -1;
 }
+}  // namespace
 
-int filePathToUrl(const std::string& filePath, std::string& url, const char* clientType,
-                           const char* netInterface) {
-    Argv argv = command("getContentUrl");
-    argv.insert(argv.end(), {"--filePath", filePath});
-    appendOptional(argv, "--clientType", clientType);
-    appendOptional(argv, "--interface", netInterface);
-    return agentField(argv, "url", url) ? 0 : -1;
+int upnpObjectToUrl(const std::string& objectID, std::string& url, const char* clientType, const char* netInterface) {
+    return contentUrl("--objectID", objectID, url, clientType, netInterface);
+}
+
+int filePathToUrl(const std::string& filePath, std::string& url, const char* clientType, const char* netInterface) {
+    return contentUrl("--filePath", filePath, url, clientType, netInterface);
 }
 
 int browseByUpnpObjectID(const std::string& objectID, std::string& out, const char* clientType,
@@ -203,7 +182,7 @@ int browseByUpnpObjectID(const std::string& objectID, std::string& out, const ch
     appendOptional(argv, "--interface", netInterface);
     LOG_AGENT("cmd: %s", formatCommandLine(argv).c_str());
     std::string answer;
-    if (!capture(argv, kAnswerCap, answer)) return -1;
+    if (!captureOutput(argv, kAnswerCap, kAgentTimeoutMs, answer)) return -1;
     if (answer.empty()) {
         LOG_ERR("%s: empty answer", formatCommandLine(argv).c_str());
         return -1;
@@ -231,7 +210,7 @@ int automaticSubtitle(const std::string& objectID, std::string& path) {
     argv.insert(argv.end(), {"--objectID", objectID});
     LOG_TRACE("%s", formatCommandLine(argv).c_str());
     std::string answer;
-    if (!capture(argv, kAnswerCap, answer)) return -1;
+    if (!captureOutput(argv, kAnswerCap, kAgentTimeoutMs, answer)) return -1;
     if (answer.empty()) {
         LOG_ERR("faile to fread");
         return -1;

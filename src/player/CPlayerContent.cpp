@@ -37,29 +37,6 @@ constexpr int kToolTimeoutMs = 10000;
 // Measuring a file may read it from a sleeping disk.
 constexpr int kProbeTimeoutMs = 20000;
 
-// Runs argv and returns its standard output (up to the first NUL) in `answer`; false when it
-// could not run, timed out, or said more than `cap` bytes. quietStderr: "2> /dev/null".
-bool capture(const Argv& argv, size_t cap, int timeoutMs, std::string& answer, bool quietStderr = false) {
-    ProcessOptions options;
-    options.timeoutMs = timeoutMs;
-    options.outputCap = cap;
-    options.discardStderr = quietStderr;
-    ProcessResult r = runProcess(argv, options);
-    if (r.spawnErrno != 0) {
-        LOG_ERR("Execute %s failed: %s", formatCommandLine(argv).c_str(), std::strerror(r.spawnErrno));
-        return false;
-    }
-    if (r.timedOut) {
-        LOG_ERR("%s timed out", formatCommandLine(argv).c_str());
-        return false;
-    }
-    if (r.truncated) {
-        LOG_ERR("%s: answer longer than %zu bytes", formatCommandLine(argv).c_str(), cap);
-        return false;
-    }
-    answer.assign(r.output.c_str());
-    return true;
-}
 
 // "h:mm:ss" with digits only around the two colons.
 bool isTimeText(const std::string& text) {
@@ -106,7 +83,7 @@ void CPlayer::setTotalTime(const playlistElm_s& elm) {
         Argv argv{approot::path(kProbe), "getDuration", "--filePath", path};
         LOG_TRACE("### %s", formatCommandLine(argv).c_str());
         std::string answer;
-        if (capture(argv, kDurationCap, kProbeTimeoutMs, answer, true)) {
+        if (captureOutput(argv, kDurationCap, kProbeTimeoutMs, answer, true)) {
             if (!answer.empty() && answer.back() == '\n') answer.pop_back();
             if (!answer.empty() && answer.back() == '\r') answer.pop_back();
             if (answer.empty()) LOG_WARN("fgets error.");
@@ -227,7 +204,7 @@ int CPlayer::convertFullSubtitle(const std::string& sharePath, std::string& full
 
     Argv argv{approot::path(kShares), "-sv", "-a", "admin"};
     std::string listing;
-    if (!capture(argv, 64 * 1024, kToolTimeoutMs, listing)) return -1;
+    if (!captureOutput(argv, 64 * 1024, kToolTimeoutMs, listing)) return -1;
     for (std::string_view cursor(listing); !cursor.empty();) {
         size_t end = cursor.find('\n');
         std::string_view line = cursor.substr(0, end);

@@ -557,3 +557,26 @@ int execute_external_cmd(const std::vector<std::string>& argv, std::string& outp
     output.assign(r.output.c_str());  // up to the first NUL, as a C string reader would see it
     return 0;
 }
+
+bool captureOutput(const std::vector<std::string>& argv, size_t cap, int timeoutMs, std::string& answer,
+                   bool quietStderr) {
+    ProcessOptions options;
+    options.timeoutMs = timeoutMs;
+    options.outputCap = cap;
+    options.discardStderr = quietStderr;
+    ProcessResult r = runProcess(argv, options);
+    if (r.spawnErrno != 0) {
+        LOG_ERR("Execute %s failed: %s", formatCommandLine(argv).c_str(), std::strerror(r.spawnErrno));
+        return false;
+    }
+    if (r.timedOut) {
+        LOG_ERR("%s timed out", formatCommandLine(argv).c_str());
+        return false;
+    }
+    if (r.truncated) {
+        LOG_ERR("%s: answer longer than %zu bytes", formatCommandLine(argv).c_str(), cap);
+        return false;
+    }
+    answer.assign(r.output.c_str());
+    return true;
+}

@@ -50,6 +50,11 @@ std::string formatCommandLine(const std::vector<std::string>& argv);
 // NUL); -1 when it could not be started or timed out, with `output` empty.
 int execute_external_cmd(const std::vector<std::string>& argv, std::string& output, int timeoutSec);
 
+// Runs argv and puts its standard output (up to the first NUL) in `answer`; false, logged,
+// when it could not run, timed out, or said more than `cap` bytes. quietStderr: "2> /dev/null".
+bool captureOutput(const std::vector<std::string>& argv, size_t cap, int timeoutMs, std::string& answer,
+                   bool quietStderr = false);
+
 // A long-lived child (players, sender bridges). Not thread-safe: one owner drives it.
 // The destructor stops and reaps a child that is still running.
 class Subprocess {

@@ -241,37 +241,24 @@ DeviceSteps::Follow CAirplayPlayer::followTrack() {
     return Follow::StoppedOutside;
 }
 
-void CAirplayPlayer::pauseDevice() {
-    if (m_photo) return;  // a photo stays on the screen
-    if (m_useScript) {
-        CSorvaneOpInterface::sendCommand(CSorvaneOpInterface::kPause, getRenderID(), nullptr, nullptr, nullptr);
-        return;
-    }
-    Response r;
-    service().pause(r);
-    judge(r);
-}
-
-bool CAirplayPlayer::resumeDevice() {
-    if (m_photo) return true;
+bool CAirplayPlayer::transport(int scriptOp, int (AirPlayService::*request)(Response&)) {
     if (m_useScript)
-        return CSorvaneOpInterface::sendCommand(CSorvaneOpInterface::kResume, getRenderID(), nullptr, nullptr,
-                                                nullptr) == 0;
+        return CSorvaneOpInterface::sendCommand(scriptOp, getRenderID(), nullptr, nullptr, nullptr) == 0;
     Response r;
-    const int rc = service().play(r);
+    const int rc = (service().*request)(r);
     judge(r);
     return rc == 0 && r.m_response < 300;
 }
 
-void CAirplayPlayer::stopDevice(bool) {
-    if (m_useScript) {
-        CSorvaneOpInterface::sendCommand(CSorvaneOpInterface::kStop, getRenderID(), nullptr, nullptr, nullptr);
-        return;
-    }
-    Response r;
-    service().stop(r);
-    judge(r);
+void CAirplayPlayer::pauseDevice() {
+    if (!m_photo) transport(CSorvaneOpInterface::kPause, &AirPlayService::pause);  // a photo stays on the screen
 }
+
+bool CAirplayPlayer::resumeDevice() {
+    return m_photo || transport(CSorvaneOpInterface::kResume, &AirPlayService::play);
+}
+
+void CAirplayPlayer::stopDevice(bool) { transport(CSorvaneOpInterface::kStop, &AirPlayService::stop); }
 
 // ---- caller side ---------------------------------------------------------------------------
 

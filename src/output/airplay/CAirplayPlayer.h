@@ -29,14 +29,14 @@ public:
                                            const std::string& playlistTitle, const std::string& appType,
                                            int& result);
 
+    PlayerTraits traits() const override;
+    bool usesScript() const { return m_useScript.load(); }
     // hh:mm:ss within the current track; 0 while stopped, -1 when the receiver refuses.
     int seek(const char* hhmmss) override;
+    // Subtitles go with the track where the script drives the receiver: nothing to set here.
     int setAudioAndSubtitle(const char* externalSubtitle, int audioTrack, int subtitleTrack, const char* position,
                             const char* sseek, const char* ssize, const char* scolor, const char* sencoding,
                             const char* realSubtitlePath, int autoSubtitle) override;
-    PlayerTraits traits() const override;
-
-    bool usesScript() const { return m_useScript.load(); }
 
     // The worker's pass (1 s on the appliance) and the settling time after a reload (1 s);
     // tests shorten them.
@@ -44,15 +44,19 @@ public:
     static void setSettleDelay(std::chrono::milliseconds delay);
 
 protected:
+    // The worker's steps: one status request a pass.
+    std::chrono::milliseconds passPeriod() const override;
     Start startTrack(bool afterAdvance) override;
     Follow followTrack() override;
-    void pauseDevice() override;
-    bool resumeDevice() override;
     void stopDevice(bool force) override;
-    std::chrono::milliseconds passPeriod() const override;
+    void pauseDevice() override;  // a photo stays as it is
+    bool resumeDevice() override;
     void debugDetails(std::string& out) override;
 
 private:
+    // One transport request (pause, play, stop): through the script, or over HTTP; true when
+    // the receiver took it.
+    bool transport(int scriptOp, int (AirPlayService::*request)(Response&));
     // One status from the receiver; false when it did not answer.
     bool poll(float& position, float& duration);
     // Notes a receiver that asks for a password: from then on the script drives it.
