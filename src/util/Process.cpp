@@ -540,24 +540,6 @@ std::string formatCommandLine(const std::vector<std::string>& argv) {
     return out;
 }
 
-int execute_external_cmd(const std::vector<std::string>& argv, std::string& output, int timeoutSec) {
-    output.clear();
-    ProcessOptions options;
-    options.timeoutMs = timeoutSec <= 0 ? -1 : (timeoutSec > INT_MAX / 1000 ? INT_MAX : timeoutSec * 1000);
-    options.outputCap = 8192;
-    ProcessResult r = runProcess(argv, options);
-    if (r.spawnErrno != 0) {
-        LOG_ERR("popen(%s) ... fail", formatCommandLine(argv).c_str());
-        return -1;
-    }
-    if (r.timedOut) {
-        LOG_WARN("%s timed out after %d s", formatCommandLine(argv).c_str(), timeoutSec);
-        return -1;
-    }
-    output.assign(r.output.c_str());  // up to the first NUL, as a C string reader would see it
-    return 0;
-}
-
 bool captureOutput(const std::vector<std::string>& argv, size_t cap, int timeoutMs, std::string& answer,
                    bool quietStderr) {
     ProcessOptions options;

@@ -45,10 +45,6 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const ProcessOpti
 // contain blanks or shell-special characters are shown in double quotes.
 std::string formatCommandLine(const std::vector<std::string>& argv);
 
-// Runs argv with a time-out in seconds (<= 0: none). 0 when the program ran to its end, whatever
-// its exit status, with `output` holding what it printed (at most 8192 bytes, up to the first
-// NUL); -1 when it could not be started or timed out, with `output` empty.
-int execute_external_cmd(const std::vector<std::string>& argv, std::string& output, int timeoutSec);
 
 // Runs argv and puts its standard output (up to the first NUL) in `answer`; false, logged,
 // when it could not run, timed out, or said more than `cap` bytes. quietStderr: "2> /dev/null".

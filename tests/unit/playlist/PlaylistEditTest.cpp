@@ -105,29 +105,6 @@ TEST_F(StoreTest, EntryPagingAndSingleReads) {
     EXPECT_EQ(-1, m_store->getPlaylistElmByOrder(elm, id, 9));
 }
 
-TEST_F(StoreTest, HostileTextIsAnOrdinaryValue) {
-    const std::string title = "it's \"ours\" & <b>; DROP TABLE Playlist_TBL; -- $(reboot) `id`";
-    const std::string app = "app'type";
-    const std::string content = "/share/Music/l'été – 日本語/$(rm -rf ~) & <x> 'q' \"qq\".mp3";
-
-    ASSERT_EQ(0, m_store->addPlaylist(title.c_str(), MEDIA_MIXED_E, app.c_str(), "o'wner", "t&g"));
-    EXPECT_EQ(1, m_store->addPlaylist(title.c_str(), MEDIA_MIXED_E, app.c_str(), "", ""));
-    int id = m_store->getPlaylistID(title, app);
-    ASSERT_GE(id, 1);
-    ASSERT_EQ(0, m_store->addElmInPlaylist(title.c_str(), MEDIA_VIDEO_E, CONTENT_FILE_E, app.c_str(),
-                                           content.c_str(), -1));
-    EXPECT_EQ(contents(id), (Contents{content}));
-
-    std::string got;
-    EXPECT_EQ(id, m_store->getPlaylistTitle(id, got, app.c_str()));
-    EXPECT_EQ(title, got);
-    playlistLibElm_t lib;
-    ASSERT_EQ(0, m_store->getPlaylistLibElmByID(id, lib));
-    EXPECT_EQ("o'wner", lib.Owner);
-    EXPECT_EQ(0, m_store->delPlaylist(title, app));
-    EXPECT_EQ(0, m_store->getSizeOfPlaylist(id));
-}
-
 TEST_F(StoreTest, ObjectIdIsKeptOnlyForObjectsAddedSingly) {
     int id = makeList("list", 0);
     const std::string longId(300, 'o');

@@ -148,17 +148,6 @@ TEST(RunProcess, ManyThreadsAtOnceEachGetTheirOwnOutput) {
     expectNoChildren();
 }
 
-TEST(ExecuteExternalCmd, OutputOrMinusOne) {
-    std::string out = "stale";
-    EXPECT_EQ(execute_external_cmd({"/bin/sh", "-c", "echo partial; exit 4"}, out, 5), 0) << "any exit status";
-    EXPECT_EQ(out, "partial\n");
-    EXPECT_EQ(execute_external_cmd({"/bin/sleep", "20"}, out, 1), -1);
-    EXPECT_EQ(out, "");
-    out = "stale";
-    EXPECT_EQ(execute_external_cmd({"/velmora/absent"}, out, 5), -1);
-    EXPECT_EQ(out, "");
-}
-
 TEST(FormatCommandLine, QuotesOnlyWhatNeedsIt) {
     EXPECT_EQ(formatCommandLine({"/sbin/yarrow", "-f", "/etc/config/x.conf", "-d", "0", "", "default_subtitle"}),
               "/sbin/yarrow -f /etc/config/x.conf -d 0 \"\" default_subtitle");
