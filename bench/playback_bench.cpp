@@ -16,6 +16,10 @@
 // status is an error, as is an exchange that fails. --baseline (requests per second of a minimal
 // framing server, from run-bench's echo table) adds each row's share of it and the target line.
 //
+// With --airplay the player is the simulated AirPlay TV instead (make-root --receivers): a
+// one-video playlist of appType "bench-video", Play timed to the receiver's first /play request
+// (from its request log), and the same polling rows; there is no sound to watch then.
+//
 // Exit status: 0 when the playback could be set up and measured (whatever the target), 1 otherwise.
 #include <signal.h>
 #include <sys/socket.h>
@@ -48,8 +52,10 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
-constexpr const char* kDev = "usb_dac";
-constexpr const char* kApp = "bench-play";
+// The device under test: the USB DAC, or with --airplay the simulated AirPlay TV.
+const char* kDev = "usb_dac";
+const char* kApp = "bench-play";
+constexpr const char* kAirplayTv = "5855CA1A2B3C";
 constexpr const char* kPlaylist = "Playback bench";
 constexpr const char* kToneName = "velmora-bench-tone.wav";
 
@@ -62,7 +68,7 @@ constexpr double kTargetShareOfBaseline = 0.40;
 constexpr int kMinToneSeconds = 60;
 
 constexpr auto kPcmPollPeriod = 5ms;
-constexpr auto kFirstAudioLimit = 15s;
+constexpr auto kFirstAudioLimit = 20s;
 constexpr auto kStateLimit = 5s;
 constexpr int kTimeoutMs = 5000;
 
@@ -350,10 +356,12 @@ struct Options {
     double seconds = 5.0;
     int clients = 8;
     double baseline = 0;  // 0: not given
+    bool airplay = false;
 };
 
 void usage() {
-    std::fputs("usage: playback_bench --socket PATH --root ROOT [--seconds T] [--clients N] [--baseline REQ_PER_S]\n",
+    std::fputs("usage: playback_bench --socket PATH --root ROOT [--airplay] [--seconds T] [--clients N] "
+               "[--baseline REQ_PER_S]\n",
                stderr);
     std::exit(1);
 }
@@ -369,6 +377,10 @@ Options parseOptions(int argc, char** argv) {
     Options o;
     for (int i = 1; i < argc; ++i) {
         std::string_view arg = argv[i];
+        if (arg == "--airplay") {
+            o.airplay = true;
+            continue;
+        }
         if (arg == "--help" || arg == "-h" || i + 1 >= argc) usage();
         const char* value = argv[++i];
         bool ok = true;
@@ -422,23 +434,37 @@ int main(int argc, char** argv) {
     if (!real) die("no root " + opt.root + ": " + std::strerror(errno));
     const std::string root = real;
     std::free(real);
-    const std::string pcm = root + "/var/sim/audio/" + kDev + ".pcm";
+    if (opt.airplay) {
+        kDev = kAirplayTv;
+        kApp = "bench-video";
+    }
+    // What shows the device at work: the output's sound file, or the receiver's request log.
+    const std::string pcm = opt.airplay ? root + "/var/sim/airplay/" + kAirplayTv + "/requests.log"
+                                        : root + "/var/sim/audio/" + kDev + ".pcm";
     const std::string tone = root + "/share/Public/Music/" + kToneName;
-
-    // Long enough for both polling windows and the start, with room to spare.
-    const int toneSeconds = std::max(kMinToneSeconds, static_cast<int>(std::ceil(2 * opt.seconds)) + 30);
-    writeTone(tone, toneSeconds);
 
     // A playlist left by an earlier run is replaced (deleting a missing one succeeds).
     request("DelPlaylist", {{"playlist", kPlaylist}, {"appType", kApp}});
-    request("CreatePlaylist", {{"playlist", kPlaylist}, {"playlistType", "audio"}, {"appType", kApp}});
-    request("AddContent", {{"playlist", kPlaylist},
-                           {"appType", kApp},
-                           {"content", tone},
-                           {"contentType", "file"},
-                           {"mediaType", "audio"}});
+    if (opt.airplay) {
+        request("CreatePlaylist", {{"playlist", kPlaylist}, {"playlistType", "video"}, {"appType", kApp}});
+        request("AddContent", {{"playlist", kPlaylist},
+                               {"appType", kApp},
+                               {"content", "vi_201"},
+                               {"contentType", "object"},
+                               {"mediaType", "video"}});
+    } else {
+        // Long enough for both polling windows and the start, with room to spare.
+        const int toneSeconds = std::max(kMinToneSeconds, static_cast<int>(std::ceil(2 * opt.seconds)) + 30);
+        writeTone(tone, toneSeconds);
+        request("CreatePlaylist", {{"playlist", kPlaylist}, {"playlistType", "audio"}, {"appType", kApp}});
+        request("AddContent", {{"playlist", kPlaylist},
+                               {"appType", kApp},
+                               {"content", tone},
+                               {"contentType", "file"},
+                               {"mediaType", "audio"}});
+    }
 
-    vclient::Answer renders = request("ListRender", {{"renderType", "alsa"}});
+    vclient::Answer renders = request("ListRender", {{"renderType", opt.airplay ? "airplay" : "alsa"}});
     bool listed = false;
     for (int i = 0; i < renders.doc.nChildNode("device"); ++i) {
         const char* id = renders.doc.getChildNode("device", i).getChildNode("deviceId").getText();
@@ -450,7 +476,7 @@ int main(int argc, char** argv) {
     g_playerSet = true;  // from here on a failure stops the player, should it exist
     request("SetPlaylist", {{"dev", kDev}, {"playlist", kPlaylist}, {"appType", kApp}}, &setPlaylistMs);
 
-    // Play to first audio: from sending Play until the output's file grows.
+    // Play to first audio (or the receiver's first request): from sending Play until the file grows.
     const long long before = fileSize(pcm);
     double playMs = 0;
     const auto playStart = Clock::now();
@@ -463,12 +489,13 @@ int main(int argc, char** argv) {
         }
         std::this_thread::sleep_for(kPcmPollPeriod);
     }
-    if (firstAudioMs < 0) die("no sound in " + pcm + " within 15 s of Play");
+    if (firstAudioMs < 0) die("nothing in " + pcm + " within 20 s of Play");
     if (!waitForState("PLAY", kStateLimit)) die(std::string(kDev) + " plays but does not report PLAY");
 
-    std::vector<Row> rows(2);
+    // An AirPlay receiver's volume is its own (GetVolume answers -1): only the status is polled.
+    std::vector<Row> rows(opt.airplay ? 1 : 2);
     rows[0].command = "GetPlayerStatus";
-    rows[1].command = "GetVolume";
+    if (!opt.airplay) rows[1].command = "GetVolume";
     for (Row& row : rows) {
         const std::string text = vclient::buildRequest(row.command, {{"dev", kDev}});
         row.stateBefore = playerState();
@@ -478,7 +505,7 @@ int main(int argc, char** argv) {
         const long long size1 = fileSize(pcm);
         row.window = secondsBetween(t0, Clock::now());
         row.stateAfter = playerState();
-        row.audioSeconds = static_cast<double>(size1 - size0) / kBytesPerSecond;
+        row.audioSeconds = opt.airplay ? row.window : static_cast<double>(size1 - size0) / kBytesPerSecond;
         row.keptUp = row.audioSeconds >= kKeptUpShare * row.window && row.stateBefore == "PLAY" &&
                      row.stateAfter == "PLAY";
     }
@@ -486,8 +513,8 @@ int main(int argc, char** argv) {
     stopPlayer();
 
     std::printf("SetPlaylist on %s (creates the player):  %8.1f ms\n", kDev, setPlaylistMs);
-    std::printf("Play to first audio:                        %8.1f ms   (the Play request itself: %.1f ms)\n",
-                firstAudioMs, playMs);
+    std::printf("Play to %-35s%8.1f ms   (the Play request itself: %.1f ms)\n",
+                opt.airplay ? "the receiver's /play request:" : "first audio:", firstAudioMs, playMs);
     std::printf("\n%d clients, %.1f s per row, while %s plays\n", opt.clients, opt.seconds, kDev);
     std::printf("%-16s %10s %9s %9s %7s %12s %12s  %s\n", "row", "req/s", "p50 us", "p99 us", "errors", "% baseline",
                 "audio/wall s", "audio kept up");
