@@ -5,6 +5,7 @@
 #include "output/airplay/CAirplayPlayer.h"
 #include "output/dlna/CDlnaPlayer.h"
 #include "output/mpd/CAlsaPlayer.h"
+#include "output/raop/CRaopPlayer.h"
 #include "player/PlayerTypes.h"
 #include "util/Log.h"
 
@@ -14,6 +15,7 @@ namespace {
 const BackendRow kRows[] = {
     {"dlna", playertype::kDlna, &CDlnaPlayer::create, nullptr},
     {"airplay", playertype::kAirplay, &CAirplayPlayer::create, nullptr},
+    {"raop", playertype::kRaop, &CRaopPlayer::create, nullptr},
     {"mpd", playertype::kAlsa, &CAlsaPlayer::create, &CAlsaPlayer::setAttributesWithoutPlayer},
 };
 

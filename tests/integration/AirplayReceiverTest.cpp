@@ -45,3 +45,40 @@ TEST(AirplayReceiverTest, ListedReceiverPlaysAndStops) {
     EXPECT_EQ(status("playerState"), "STOP");
     EXPECT_EQ(daemon.stop(), 0) << daemon.log();
 }
+
+TEST(AirplayReceiverTest, ListedSpeakerPlaysThroughTheSender) {
+    SimRoot root;
+    ASSERT_TRUE(testsupport::writeFile(root.path() + "/var/sim/airplay.json",
+                                       R"({"speakers": [{"name": "Kitchen Speaker", "mac": "0011223344FF"}]})"));
+    Daemon daemon(root.path());
+    ASSERT_TRUE(daemon.waitReady()) << daemon.log();
+    const std::string amp = "0011223344FF";
+
+    vclient::Answer list = daemon.request("ListRender", {{"renderType", "airplay"}});
+    ASSERT_EQ(list.doc.nChildNode("device"), 1) << daemon.log();
+    EXPECT_STREQ(list.doc.getChildNode("device").getAttribute("Type"), "Raop");
+
+    const std::string song = root.path() + "/share/Public/Music/01 Morning.mp3";
+    ASSERT_EQ(daemon.request("CreatePlaylist", {{"playlist", "Songs"}, {"playlistType", "audio"}, {"appType", "music"}}).code, 0);
+    ASSERT_EQ(daemon.request("AddContent", {{"playlist", "Songs"}, {"contentType", "file"}, {"mediaType", "audio"},
+                                            {"content", song}, {"appType", "music"}}).code, 0);
+    ASSERT_EQ(daemon.request("SetPlaylist", {{"dev", amp}, {"playlist", "Songs"}, {"appType", "music"}}).code, 0);
+    ASSERT_EQ(daemon.request("Play", {{"dev", amp}}).code, 0);
+
+    auto type = [&] {
+        vclient::Answer a = daemon.request("GetPlayerStatus", {{"dev", amp}});
+        return std::string(xmltoa(a.doc.getChildNode("device").getAttribute("Type")));
+    };
+    EXPECT_EQ(type(), "Raop");
+    // The sender's runs, as the simulated appliance records them.
+    auto senderRuns = [&] {
+        std::vector<std::string> runs;
+        for (const std::string& line : testsupport::readLines(root.path() + "/var/sim/calls.log"))
+            if (line.rfind("raop_play [", 0) == 0) runs.push_back(line);
+        return runs;
+    };
+    ASSERT_TRUE(testsupport::eventually([&] { return senderRuns().size() == 1; }, 15s, 100ms)) << daemon.log();
+    EXPECT_EQ(senderRuns()[0], R"(raop_play ["-i","--port","5000","127.0.0.1"])") << "the speaker encrypts: no -e";
+    ASSERT_EQ(daemon.request("Stop", {{"dev", amp}}).code, 0);
+    EXPECT_EQ(daemon.stop(), 0) << daemon.log();
+}

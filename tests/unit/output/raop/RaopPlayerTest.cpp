@@ -1,0 +1,148 @@
+// The AirPlay-speaker player against the simulated sender: its argument vector, the datagrams
+// of each operation, the stop after a finished track in NORMAL mode, a sender that dies or
+// never comes up, and nothing left behind.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "output/raop/CRaopPlayer.h"
+#include "player/PlayerTypes.h"
+#include "unit/support/SimRoot.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using testsupport::callLine;
+
+class RaopPlayerTest : public testsupport::ThreadCheckedTest {
+protected:
+    void SetUp() override {
+        ThreadCheckedTest::SetUp();
+        CRaopPlayer::setTick(50ms);
+        dir = m_root + "/share/Public/Music/raop-test";
+        testsupport::makeDirs(dir);
+        for (auto [name, seconds] : {std::pair("long.mp3", 120), std::pair("a.mp3", 2), std::pair("b.mp3", 2)})
+            if (!testsupport::exists(dir + "/" + name))
+                ASSERT_TRUE(testsupport::makeTone(dir + "/" + name, 440, seconds, {"-ac", "1", "-ar", "22050", "-b:a", "32k"}));
+    }
+    void TearDown() override {
+        std::remove((m_root + "/var/sim/raop.json").c_str());
+        CRaopPlayer::setTick(1000ms);
+        ThreadCheckedTest::TearDown();
+    }
+    void makePlaylist(const char* title, const std::vector<std::string>& files) {
+        ASSERT_EQ(playlistStore().addPlaylist(title, MEDIA_AUDIO_E, "music", "admin", "test"), 0);
+        for (const auto& f : files)
+            ASSERT_EQ(playlistStore().addElmInPlaylist(title, MEDIA_AUDIO_E, CONTENT_FILE_E, "music", f.c_str(), -1), 0);
+    }
+    std::unique_ptr<CRaopPlayer> player(const char* title, bool encrypted = false) {
+        return std::make_unique<CRaopPlayer>(playertype::kRaop | playertype::kCapAudio, "AABBCCDDEEFF", "Amp", title,
+                                             "music", encrypted, "10.0.0.9", 5000);
+    }
+    // The datagrams the sender of pid received.
+    std::vector<std::string> datagrams(pid_t pid) {
+        return testsupport::readLines(m_root + "/var/sim/raop/" + std::to_string(pid) + ".log");
+    }
+    bool received(pid_t pid, const std::string& text) {
+        for (const auto& d : datagrams(pid))
+            if (d == text) return true;
+        return false;
+    }
+    static bool waitFor(const std::function<bool()>& done) { return testsupport::eventually(done, 15s, 10ms); }
+
+    std::string dir;
+};
+
+TEST_F(RaopPlayerTest, EachOperationIsOneDatagramAndStopEndsTheSender) {
+    makePlaylist("long", {dir + "/long.mp3"});
+    auto p = player("long");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->childPid() > 0 && received(p->childPid(), "file " + dir + "/long.mp3"); }));
+    const pid_t pid = p->childPid();
+    EXPECT_EQ(callLog.count("raop_play", {"-i", "--port", "5000", "-e", "10.0.0.9"}), 1) << "-e: not encrypted";
+    ASSERT_TRUE(waitFor([&] { return p->getTotalTimeSecond() == 120 && p->getPlayerState() == STATE_PLAY_E; }));
+
+    ASSERT_EQ(p->pause(), 0);
+    ASSERT_EQ(p->play(), 0);
+    EXPECT_EQ(p->setVolume(150), 0);
+    EXPECT_EQ(p->getVolume(), 100);
+    EXPECT_EQ(p->setVolume(-5), 0);
+    ASSERT_EQ(p->seek("00:01:30"), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 91; })) << "the position counts on from 90";
+    EXPECT_LT(p->getCurrTimeSecond(), 110);
+
+    ASSERT_EQ(p->stop(true), 0);
+    std::vector<std::string> sent = datagrams(pid);
+    for (const char* d : {"pause", "play", "volume 100", "volume 0", "seek 90", "quit"})
+        EXPECT_NE(std::find(sent.begin(), sent.end(), d), sent.end()) << d;
+    EXPECT_FALSE(testsupport::exists(m_root + "/tmp/.raop_play.srv." + std::to_string(pid)));
+    EXPECT_FALSE(testsupport::exists(m_root + "/tmp/.raop_play.cli." + std::to_string(pid)));
+    EXPECT_NE(::kill(pid, 0), 0) << "the sender is gone";
+
+    // An encrypting speaker: no -e.
+    auto secret = player("long", true);
+    ASSERT_EQ(secret->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return callLog.count("raop_play", {"10.0.0.9"}) == 2; }));
+    EXPECT_EQ(callLog.count("raop_play", {"-e"}), 1);
+}
+
+TEST_F(RaopPlayerTest, NormalStopsAfterAFinishedTrackRepeatGoesOnMissingFilesStopAtOnce) {
+    makePlaylist("two", {dir + "/a.mp3", dir + "/b.mp3"});
+    auto p = player("two");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->childPid() > 0 && received(p->childPid(), "file " + dir + "/a.mp3"); }));
+    const pid_t first = p->childPid();
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTrackIndex() == 1 && p->getPlayerState() == STATE_STOP_E; }));
+    EXPECT_FALSE(received(first, "file " + dir + "/b.mp3")) << "NORMAL stops after each finished track";
+
+    p->setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] {
+        const pid_t pid = p->childPid();
+        return pid > 0 && received(pid, "file " + dir + "/b.mp3") && received(pid, "file " + dir + "/a.mp3");
+    })) << "REPEAT goes on";
+    ASSERT_EQ(p->stop(true), 0);
+
+    makePlaylist("gone", {dir + "/missing1.mp3", dir + "/missing2.mp3"});
+    auto q = player("gone");
+    ASSERT_EQ(q->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return q->getPlayerState() == STATE_STOP_E && q->isParked(); }));
+    EXPECT_EQ(q->getTotalTimeSecond(), 0);
+}
+
+TEST_F(RaopPlayerTest, ADeadSenderIsStartedAgainAndOneThatNeverComesUpLeavesNothing) {
+    makePlaylist("long", {dir + "/long.mp3"});
+    auto p = player("long");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->childPid() > 0 && received(p->childPid(), "file " + dir + "/long.mp3"); }));
+    const pid_t old = p->childPid();
+    ASSERT_EQ(::kill(old, SIGKILL), 0);
+    ASSERT_TRUE(waitFor([&] {
+        const pid_t pid = p->childPid();
+        return pid > 0 && pid != old && received(pid, "file " + dir + "/long.mp3");
+    })) << "a new sender plays the track from its beginning";
+    EXPECT_EQ(p->getPlayerState(), STATE_PLAY_E);
+    ASSERT_EQ(p->stop(true), 0);
+
+    // A sender that answers "state" with garbage, or not at all, plays nothing: the track ends
+    // after ten passes (and, the last of its queue, starts again).
+    for (const char* sw : {R"({"garbage": true})", R"({"stall": true})"}) {
+        auto r = player("long");
+        ASSERT_EQ(r->play(), 0);
+        ASSERT_TRUE(waitFor([&] { return r->getPlayerState() == STATE_PLAY_E; }));
+        ASSERT_TRUE(testsupport::writeFile(m_root + "/var/sim/raop.json", sw));
+        ASSERT_TRUE(waitFor([&] {
+            const std::vector<std::string> sent = datagrams(r->childPid());
+            return std::count(sent.begin(), sent.end(), "file " + dir + "/long.mp3") >= 2;
+        })) << sw;
+        std::remove((m_root + "/var/sim/raop.json").c_str());
+        ASSERT_EQ(r->stop(true), 0);
+    }
+
+    ASSERT_TRUE(testsupport::writeFile(m_root + "/var/sim/raop.json", R"({"nosocket": true})"));
+    auto q = player("long");
+    ASSERT_EQ(q->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return q->getPlayerState() == STATE_STOP_E && q->isParked() && q->childPid() > 0; }));
+    EXPECT_NE(::kill(q->childPid(), 0), 0) << "the sender that never came up was ended";
+}
+
+}  // namespace
