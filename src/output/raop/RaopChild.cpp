@@ -15,6 +15,8 @@
 namespace {
 
 constexpr const char* kSender = "/usr/local/medialibrary/bin/raop_play";
+// A sender ends promptly on "quit"; one that is still busy gets this long before it is ended.
+constexpr int kQuitWaitMs = 3000;
 
 bool fillAddress(sockaddr_un& addr, const std::string& path) {
     addr = {};
@@ -103,7 +105,7 @@ void RaopChild::closeLocked() {
     }
     if (m_child.running()) {
         // It quits on "quit"; one that does not is ended.
-        if (!m_child.waitFor(1000)) m_child.terminate(1000);
+        if (!m_child.waitFor(kQuitWaitMs)) m_child.terminate(1000);
     }
     if (!m_clientPath.empty()) ::unlink(m_clientPath.c_str());
     if (!m_serverPath.empty()) ::unlink(m_serverPath.c_str());
