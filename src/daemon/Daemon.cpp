@@ -1,5 +1,8 @@
 #include "daemon/Daemon.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+
 #include <sys/signalfd.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -33,6 +36,7 @@ namespace {
 
 constexpr const char* kProcessName = "Velmora";
 constexpr const char* kSocketPath = "/tmp/.@Velmora.xxx";
+constexpr const char* kLockPath = "/tmp/.@Velmora.lock";
 constexpr int kListenBacklog = 128;
 constexpr size_t kMaxConnections = 256;
 constexpr auto kIdleThreadTimeout = std::chrono::seconds(30);
@@ -131,8 +135,15 @@ void errortMessage_(const char* operation) {
 }
 
 int runDaemon() {
-    if (is_process_already_exist(kProcessName)) {
+    // One daemon per root: an exclusive lock on a file beside the socket, held for the
+    // process's life, taken before the socket is touched (a copy of the binary under another
+    // name is refused as well).
+    std::error_code mkdirError;
+    std::filesystem::create_directories(approot::path("/tmp"), mkdirError);
+    const int lockFd = ::open(approot::path(kLockPath).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (is_process_already_exist(kProcessName) || (lockFd >= 0 && ::flock(lockFd, LOCK_EX | LOCK_NB) != 0)) {
         LOG_ERR("process already exist!!");
+        if (lockFd >= 0) ::close(lockFd);
         return 0;
     }
 
@@ -185,5 +196,6 @@ int runDaemon() {
         LOG_ERR("exception: %s", what);
     }
     ::close(g_stopSignalFd);
+    if (lockFd >= 0) ::close(lockFd);
     return 0;
 }

@@ -27,10 +27,19 @@ CUnixSocketIpc::CUnixSocketIpc(const char* path, bool server) : m_bServer(server
         throw "CUnixSocketIpc::CUnixSocketIpc";
     }
     ::chmod(m_addr.sun_path, 0777);
+    struct stat st{};
+    if (::stat(m_addr.sun_path, &st) == 0) {
+        m_boundDev = st.st_dev;
+        m_boundIno = st.st_ino;
+    }
 }
 
 CUnixSocketIpc::~CUnixSocketIpc() {
-    if (m_bServer && m_addr.sun_path[0] != '\0') ::unlink(m_addr.sun_path);
+    // Only the socket this object bound: another daemon may have replaced it since.
+    struct stat st{};
+    if (m_bServer && m_addr.sun_path[0] != '\0' && ::stat(m_addr.sun_path, &st) == 0 && st.st_dev == m_boundDev &&
+        st.st_ino == m_boundIno)
+        ::unlink(m_addr.sun_path);
     if (m_sockFd != -1) ::close(m_sockFd);
 }
 

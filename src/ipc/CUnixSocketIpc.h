@@ -40,4 +40,7 @@ private:
     int m_sockFd = -1;
     std::atomic<int> m_acceptedFd{-1};  // several threads may accept at once
     bool m_bServer;
+    // The socket file this server bound (removed at the end only while it is still this one).
+    dev_t m_boundDev = 0;
+    ino_t m_boundIno = 0;
 };

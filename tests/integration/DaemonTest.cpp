@@ -1,5 +1,7 @@
 // The daemon as its clients see it: start-up, the request envelope and the socket server.
 #include <gtest/gtest.h>
+
+#include <filesystem>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -131,6 +133,25 @@ TEST_F(DaemonTest, SecondInstanceOnTheSameRootExitsWhileAnotherRootStarts) {
     Daemon second(other.path());
     EXPECT_TRUE(second.waitReady()) << second.log();
     EXPECT_EQ(second.stop(), 0);
+}
+
+TEST(DaemonStartTest, ADaemonUnderAnotherNameStillCountsAsTheRootsOne) {
+    SimRoot root;
+    const std::string copy = root.path() + "/tmp/renamed-daemon";
+    std::filesystem::copy_file(VELMORA_BIN, copy, std::filesystem::copy_options::overwrite_existing);
+    Subprocess renamed;
+    ASSERT_EQ(renamed.start({copy, "--root", root.path()}), 0);
+    auto echo = [&] {
+        vclient::Exchange ex = vclient::exchange(root.socketPath(), vclient::buildRequest("echo", {}));
+        return ex.ok && vclient::parseAnswer(ex.answer).isEcho;
+    };
+    ASSERT_TRUE(testsupport::eventually(echo, std::chrono::seconds(10)));
+    // The usual binary on the same root is the second daemon: it leaves, and the socket stays.
+    std::string output;
+    EXPECT_EQ(runDaemonOnce(root.path(), output), 0);
+    EXPECT_NE(output.find("process already exist!!"), std::string::npos) << output;
+    EXPECT_TRUE(echo());
+    renamed.terminate();
 }
 
 TEST(DaemonStartTest, StaleSocketFileIsReplacedByAWorldWritableSocketRemovedAtStop) {
