@@ -21,11 +21,6 @@ constexpr long kStopExpectMs = 3000;
 // Real receivers expect a media-control client; some refuse requests without these.
 constexpr const char* kUserAgent = "MediaControl/1.0";
 
-void globalInit() {
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
-
 // Appends what libcurl hands over to the string `target` points at, up to kMaxAnswer; past it
 // the transfer is cut (libcurl sees fewer bytes taken and fails the request).
 size_t appendCapped(char* contents, size_t size, size_t nmemb, void* target) {
@@ -46,15 +41,14 @@ struct FileCloser {
 
 }  // namespace
 
-CurlWrapper::CurlWrapper() {
-    globalInit();
-    m_handle = curl_easy_init();
+CurlWrapper::CurlWrapper() : m_curl(CurlLibrary::get()) {
+    m_handle = m_curl ? m_curl->easy_init() : nullptr;
     if (!m_handle) LOG_ERR("curl_easy_init() fail.");
     CThread::mutexInit(m_lock, MUTEX_NORMAL_E);
 }
 
 CurlWrapper::~CurlWrapper() {
-    if (m_handle) curl_easy_cleanup(m_handle);
+    if (m_handle) m_curl->easy_cleanup(m_handle);
     pthread_mutex_destroy(&m_lock);
 }
 
@@ -122,10 +116,10 @@ bool CurlWrapper::checkLocked() {
 std::string CurlWrapper::urlEscape(const std::string& text) {
     ThreadSingleLock lock(m_lock);
     if (!m_handle) return text;
-    char* escaped = curl_easy_escape(m_handle, text.c_str(), static_cast<int>(text.size()));
+    char* escaped = m_curl->easy_escape(m_handle, text.c_str(), static_cast<int>(text.size()));
     if (!escaped) return text;
     std::string out(escaped);
-    curl_free(escaped);
+    m_curl->free(escaped);
     return out;
 }
 
@@ -153,25 +147,25 @@ int CurlWrapper::request(Response& response, Method method, const std::string& p
     }
 
     // Nothing of the previous request stays in force (connections are kept).
-    curl_easy_reset(m_handle);
+    m_curl->easy_reset(m_handle);
     std::string header;
     std::string content;
     struct curl_slist* headers = nullptr;
-    headers = curl_slist_append(headers, ("User-Agent: " + std::string(kUserAgent)).c_str());
-    if (!contentType.empty()) headers = curl_slist_append(headers, ("Content-Type: " + contentType).c_str());
-    std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headerList(headers, &curl_slist_free_all);
+    headers = m_curl->slist_append(headers, ("User-Agent: " + std::string(kUserAgent)).c_str());
+    if (!contentType.empty()) headers = m_curl->slist_append(headers, ("Content-Type: " + contentType).c_str());
+    std::unique_ptr<curl_slist, void (*)(curl_slist*)> headerList(headers, m_curl->slist_free_all);
 
     const long totalMs = g_totalTimeoutMs.load() * (method == Method::Put ? 2 : 1);
-    bool ok = curl_easy_setopt(m_handle, CURLOPT_URL, url.c_str()) == CURLE_OK &&
-              curl_easy_setopt(m_handle, CURLOPT_HEADERFUNCTION, &appendCapped) == CURLE_OK &&
-              curl_easy_setopt(m_handle, CURLOPT_HEADERDATA, &header) == CURLE_OK &&
-              curl_easy_setopt(m_handle, CURLOPT_WRITEFUNCTION, &appendCapped) == CURLE_OK &&
-              curl_easy_setopt(m_handle, CURLOPT_WRITEDATA, &content) == CURLE_OK &&
-              curl_easy_setopt(m_handle, CURLOPT_HTTPHEADER, headerList.get()) == CURLE_OK &&
-              curl_easy_setopt(m_handle, CURLOPT_NOSIGNAL, 1L) == CURLE_OK &&
-              curl_easy_setopt(m_handle, CURLOPT_CONNECTTIMEOUT_MS, g_connectTimeoutMs.load()) == CURLE_OK &&
-              curl_easy_setopt(m_handle, CURLOPT_TIMEOUT_MS, totalMs) == CURLE_OK &&
-              curl_easy_setopt(m_handle, CURLOPT_PROTOCOLS_STR, "http") == CURLE_OK;
+    bool ok = m_curl->easy_setopt(m_handle, CURLOPT_URL, url.c_str()) == CURLE_OK &&
+              m_curl->easy_setopt(m_handle, CURLOPT_HEADERFUNCTION, &appendCapped) == CURLE_OK &&
+              m_curl->easy_setopt(m_handle, CURLOPT_HEADERDATA, &header) == CURLE_OK &&
+              m_curl->easy_setopt(m_handle, CURLOPT_WRITEFUNCTION, &appendCapped) == CURLE_OK &&
+              m_curl->easy_setopt(m_handle, CURLOPT_WRITEDATA, &content) == CURLE_OK &&
+              m_curl->easy_setopt(m_handle, CURLOPT_HTTPHEADER, headerList.get()) == CURLE_OK &&
+              m_curl->easy_setopt(m_handle, CURLOPT_NOSIGNAL, 1L) == CURLE_OK &&
+              m_curl->easy_setopt(m_handle, CURLOPT_CONNECTTIMEOUT_MS, g_connectTimeoutMs.load()) == CURLE_OK &&
+              m_curl->easy_setopt(m_handle, CURLOPT_TIMEOUT_MS, totalMs) == CURLE_OK &&
+              m_curl->easy_setopt(m_handle, CURLOPT_PROTOCOLS_STR, "http") == CURLE_OK;
     if (!ok) {
         LOG_ERR("curlPrepare() fail.");
         return -1;
@@ -180,25 +174,25 @@ int CurlWrapper::request(Response& response, Method method, const std::string& p
         case Method::Get: break;
         case Method::Post:
             // The body is copied: it need not outlive this call.
-            ok = curl_easy_setopt(m_handle, CURLOPT_POST, 1L) == CURLE_OK &&
-                 curl_easy_setopt(m_handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size())) == CURLE_OK &&
-                 curl_easy_setopt(m_handle, CURLOPT_COPYPOSTFIELDS, body.c_str()) == CURLE_OK;
+            ok = m_curl->easy_setopt(m_handle, CURLOPT_POST, 1L) == CURLE_OK &&
+                 m_curl->easy_setopt(m_handle, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size())) == CURLE_OK &&
+                 m_curl->easy_setopt(m_handle, CURLOPT_COPYPOSTFIELDS, body.c_str()) == CURLE_OK;
             if (!ok) LOG_ERR("curl_easy_setopt() CURLOPT_POST fail");
             break;
         case Method::Put:
-            ok = curl_easy_setopt(m_handle, CURLOPT_UPLOAD, 1L) == CURLE_OK &&
-                 curl_easy_setopt(m_handle, CURLOPT_READDATA, upload.get()) == CURLE_OK &&
-                 curl_easy_setopt(m_handle, CURLOPT_INFILESIZE_LARGE, uploadSize) == CURLE_OK;
+            ok = m_curl->easy_setopt(m_handle, CURLOPT_UPLOAD, 1L) == CURLE_OK &&
+                 m_curl->easy_setopt(m_handle, CURLOPT_READDATA, upload.get()) == CURLE_OK &&
+                 m_curl->easy_setopt(m_handle, CURLOPT_INFILESIZE_LARGE, uploadSize) == CURLE_OK;
             if (!ok) LOG_ERR("curl_easy_setopt() CURLOPT_UPLOAD fail");
             break;
     }
-    if (ok && path == "/stop") ok = curl_easy_setopt(m_handle, CURLOPT_EXPECT_100_TIMEOUT_MS, kStopExpectMs) == CURLE_OK;
+    if (ok && path == "/stop") ok = m_curl->easy_setopt(m_handle, CURLOPT_EXPECT_100_TIMEOUT_MS, kStopExpectMs) == CURLE_OK;
     if (!ok) return -1;
 
-    const CURLcode code = curl_easy_perform(m_handle);
+    const CURLcode code = m_curl->easy_perform(m_handle);
     if (code != CURLE_OK) {
         LOG_ERR("curl_easy_perform() fail, err_code=%d", static_cast<int>(code));
-        response.m_errMsg = curl_easy_strerror(code);
+        response.m_errMsg = m_curl->easy_strerror(code);
         return -1;
     }
     return parseResponseLocked(response, header, content);
@@ -206,7 +200,7 @@ int CurlWrapper::request(Response& response, Method method, const std::string& p
 
 int CurlWrapper::parseResponseLocked(Response& response, const std::string& header, const std::string& content) {
     long status = 0;
-    if (curl_easy_getinfo(m_handle, CURLINFO_RESPONSE_CODE, &status) != CURLE_OK) {
+    if (m_curl->easy_getinfo(m_handle, CURLINFO_RESPONSE_CODE, &status) != CURLE_OK) {
         LOG_ERR("curl_easy_getinfo, CURLINFO_RESPONSE_CODE fail.");
         return -1;
     }

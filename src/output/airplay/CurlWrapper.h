@@ -16,6 +16,7 @@
 #include <string>
 
 #include "output/Service.h"
+#include "output/airplay/CurlLibrary.h"
 
 class CurlWrapper {
 public:
@@ -65,6 +66,7 @@ private:
     bool checkLocked();
     int parseResponseLocked(Response& response, const std::string& header, const std::string& content);
 
+    const CurlLibrary* m_curl;  // null when libcurl cannot be loaded: every request fails
     CURL* m_handle = nullptr;
     // Guards everything below and the handle's use.
     pthread_mutex_t m_lock;
