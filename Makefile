@@ -5,7 +5,7 @@ BUILD ?= build
 RUN_ROOT ?= $(CURDIR)/.run-root
 CTEST_FLAGS ?= --output-on-failure -j$(JOBS)
 
-.PHONY: all deps build run test test-unit test-asan test-tsan test-sim bench clean
+.PHONY: all deps build build-run run test test-unit test-asan test-tsan test-sim bench clean
 
 all: build
 
@@ -21,8 +21,13 @@ build: deps
 	$(call configure,$(BUILD),-DCMAKE_BUILD_TYPE=RelWithDebInfo)
 	@ninja -C $(BUILD) -j$(JOBS)
 
+# Only what the demo runs: the daemon and its client (the tests and benchmarks are not built).
+build-run: deps
+	$(call configure,$(BUILD),-DCMAKE_BUILD_TYPE=RelWithDebInfo)
+	@ninja -C $(BUILD) -j$(JOBS) Velmora velmoractl
+
 # The daemon in the foreground on a freshly made simulated appliance.
-run: build
+run: build-run
 	@sim/make-root --force --receivers $(RUN_ROOT) >/dev/null
 	@echo "Velmora is starting on the simulated appliance $(RUN_ROOT)"
 	@echo "In a second terminal:"

@@ -9,16 +9,18 @@
 
 #include "daemon/Daemon.h"
 #include "util/AppRoot.h"
+#include "util/Log.h"
 
 namespace {
 
 void usage(FILE* out) {
     std::fprintf(out,
-                 "Usage: Velmora [--root DIR] [--help] [--version]\n"
+                 "Usage: Velmora [--root DIR] [--log-level all|warnings] [--help] [--version]\n"
                  "\n"
                  "Media playback daemon: answers XML requests on the socket /tmp/.@Velmora.xxx.\n"
                  "  --root DIR   run on an appliance tree rooted at DIR (every fixed appliance path,\n"
                  "               the socket included, is taken below DIR)\n"
+                 "  --log-level  all (every event, the default) or warnings (errors and warnings only)\n"
                  "  --help       show this help\n"
                  "  --version    show the daemon's version\n");
 }
@@ -37,7 +39,10 @@ int main(int argc, char** argv) {
             std::printf("Velmora %s\n", VELMORA_VERSION);
             return 0;
         }
-        if (std::strcmp(arg, "--root") == 0 && i + 1 < argc) {
+        if (std::strcmp(arg, "--log-level") == 0 && i + 1 < argc &&
+            (std::strcmp(argv[i + 1], "all") == 0 || std::strcmp(argv[i + 1], "warnings") == 0)) {
+            vlog::setWarningsOnly(std::strcmp(argv[++i], "warnings") == 0);
+        } else if (std::strcmp(arg, "--root") == 0 && i + 1 < argc) {
             root = argv[++i];
         } else if (std::strncmp(arg, "--root=", 7) == 0) {
             root = arg + 7;

@@ -34,8 +34,23 @@ void writeAll(const char* data, size_t len) {
 
 void setQuiet(bool quiet) { g_quiet.store(quiet, std::memory_order_relaxed); }
 
+namespace {
+std::atomic<bool> g_warningsOnly{false};
+}  // namespace
+
+void setWarningsOnly(bool on) { g_warningsOnly.store(on, std::memory_order_relaxed); }
+
+bool wanted(const char* colour) {
+    if (g_quiet.load(std::memory_order_relaxed)) return false;
+    if (!g_warningsOnly.load(std::memory_order_relaxed)) return true;
+    if (!colour) return false;
+    for (const char* kept : {kError, kWarn, kSocket, kSignal})
+        if (std::strcmp(colour, kept) == 0) return true;
+    return false;
+}
+
 void vwrite(const char* colour, const char* file, int line, const char* func, const char* fmt, va_list ap) {
-    if (g_quiet.load(std::memory_order_relaxed)) return;
+    if (!wanted(colour)) return;
 
     // Most events fit the stack buffer; a long request text falls back to the heap.
     char stackBuf[2048];

@@ -29,6 +29,11 @@ void writeSignalSafe(const char* colour, const char* file, int line, const char*
 
 // Silences all output (benchmarks, fuzzers). Off by default.
 void setQuiet(bool quiet);
+// Keeps only errors, warnings, socket failures and signals (a production appliance's level);
+// off by default: every event is written.
+void setWarningsOnly(bool on);
+// Whether an event of this colour is written at the level set.
+bool wanted(const char* colour);
 
 }  // namespace vlog
 

@@ -8,6 +8,7 @@
 
 #include "UtilTestSupport.h"
 #include "util/DebugLog.h"
+#include "util/Log.h"
 #include "util/PathUtil.h"
 #include "util/StackFrame.h"
 #include "util/TimeText.h"
@@ -99,3 +100,18 @@ TEST(PathEscape, BackslashesShellSpecialsButNeverWritesPastTheBuffer) {
 }
 
 }  // namespace
+
+TEST(LogLevel, WarningsOnlyKeepsErrorsAndWarnings) {
+    vlog::setWarningsOnly(true);
+    testing::internal::CaptureStderr();
+    LOG_TRACE("a trace line");
+    LOG_AGENT("an agent line");
+    LOG_WARN("a warning line");
+    LOG_ERR("an error line");
+    const std::string out = testing::internal::GetCapturedStderr();
+    vlog::setWarningsOnly(false);
+    EXPECT_EQ(out.find("a trace line"), std::string::npos);
+    EXPECT_EQ(out.find("an agent line"), std::string::npos);
+    EXPECT_NE(out.find("a warning line"), std::string::npos);
+    EXPECT_NE(out.find("an error line"), std::string::npos);
+}
