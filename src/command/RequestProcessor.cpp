@@ -1,5 +1,7 @@
 #include "command/RequestProcessor.h"
 
+#include "xml/Utf8.h"
+
 #include <unistd.h>
 
 #include <cstring>
@@ -57,7 +59,10 @@ void serveConnection(const processArg_s& arg) noexcept {
         const char* dev = "N/A";
         bool quiet = false;
 
-        XMLNode request = XMLNode::parseString(requestText, "root");
+        // Text that is not UTF-8 of XML's characters is refused before anything can store it.
+        const bool wellFormedText = utf8::isXmlText(requestText);
+        if (!wellFormedText) LOG_ERR("request is not UTF-8 text of XML characters");
+        XMLNode request = wellFormedText ? XMLNode::parseString(requestText, "root") : XMLNode();
         if (request.isEmpty()) {
             LOG_ERR("WRONG PACKAGE FORMAT");
             rc = result::kBadRequest;

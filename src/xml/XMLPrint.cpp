@@ -1,4 +1,5 @@
 // Printing of element trees and the output escaping helper.
+#include "xml/Utf8.h"
 #include "xml/XMLNodeData.h"
 
 #include <algorithm>
@@ -214,6 +215,14 @@ XMLError XMLNode::writeToFile(const char* path, const char* encoding, int nForma
 
 void ToXMLStringTool::appendEscaped(std::string& out, const char* source, size_t length) {
     if (!source) return;
+    // Text that is not well-formed UTF-8 XML (a title stored by an older daemon) is printed with
+    // the bad bytes replaced, never raw: a strict client would reject the whole answer.
+    std::string sanitized;
+    if (!utf8::isXmlText(std::string_view(source, length))) {
+        utf8::appendSanitized(sanitized, std::string_view(source, length));
+        source = sanitized.data();
+        length = sanitized.size();
+    }
     const char* run = source;
     const char* end = source + length;
     for (const char* p = source; p < end; ++p) {

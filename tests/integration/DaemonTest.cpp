@@ -61,6 +61,10 @@ TEST_F(DaemonTest, BadRequestsAnswerTheirCodes) {
         {"<root><command>&bogus;</command></root>", -2, "WRONG PACKAGE FORMAT"},
         // Names are case-sensitive.
         {"<root><command>ECHO</command></root>", -7, "COMMAND 'ECHO' not found"},
+        // Text that is not UTF-8 of XML characters is refused before any handler could store it.
+        {"<root><command>CreatePlaylist</command><paramList><playlist>bad\xff\xfe\xc0\x80name</playlist>"
+         "<playlistType>audio</playlistType><appType>music</appType></paramList></root>",
+         -2, "request is not UTF-8 text of XML characters"},
     };
     for (const Case& c : cases) {
         vclient::Answer a = vclient::parseAnswer(daemon->raw(c.text).answer);
@@ -68,6 +72,8 @@ TEST_F(DaemonTest, BadRequestsAnswerTheirCodes) {
         EXPECT_STREQ(a.doc.getChildNode("version").getText(), "XUMA 4.1.2") << c.text;
         EXPECT_NE(daemon->log().find(c.logLine), std::string::npos) << c.logLine;
     }
+    vclient::Answer lists = daemon->request("SizeOfPlaylist", {{"appType", "music"}});
+    EXPECT_STREQ(lists.doc.getChildNode("size").getText(), "0") << "nothing was stored";
     EXPECT_TRUE(daemon->running());
 }
 

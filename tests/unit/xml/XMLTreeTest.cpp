@@ -1,3 +1,4 @@
+#include "xml/Utf8.h"
 #include "xml/XMLNode.h"
 
 #include <gtest/gtest.h>
@@ -100,3 +101,19 @@ TEST(XMLTree, DeepDocumentsDoNotRecurse) {
 }
 
 }  // namespace
+
+TEST(XMLText, OnlyWellFormedUtf8OfXmlCharactersPassesAndPrintingReplacesTheRest) {
+    for (const char* good : {"", "plain", "L'été – 日本語 🎵", "tab\tline\nreturn\r"})
+        EXPECT_TRUE(utf8::isXmlText(good)) << good;
+    for (const char* bad : {"bad\xff\xfe", "\xc0\x80" "overlong", "\xed\xa0\x80 surrogate", "bell\x07",
+                            "cut \xe6\x97", "\xef\xbf\xbe not a character"})
+        EXPECT_FALSE(utf8::isXmlText(bad)) << bad;
+
+    // A text stored before such checks existed prints as well-formed text.
+    XMLNode root = XMLNode::createXMLTopNode("root");
+    root.addChild("title").addText("bad\xff\xfe\xc0\x80name & <more>");
+    const std::string printed = root.toString(0);
+    EXPECT_TRUE(utf8::isXmlText(printed)) << printed;
+    EXPECT_NE(printed.find("bad\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBDname &amp; &lt;more&gt;"), std::string::npos)
+        << printed;
+}

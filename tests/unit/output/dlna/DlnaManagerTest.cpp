@@ -82,7 +82,7 @@ TEST_F(DlnaManagerTest, AbsentRendererRetiresItsPlayerAndSetPlaylistRevivesIt) {
         ThreadSingleLock lock(made->getLock());
         ASSERT_EQ(made->play(), 0);
     }
-    EXPECT_TRUE(waitFor([&] { return rendererState() == "PLAYING"; }, seconds(2)));
+    EXPECT_TRUE(waitFor([&] { return rendererState() == "PLAYING"; }, seconds(10)));
     manager.reset();
     EXPECT_EQ(rendererState(), "STOPPED");
 }

@@ -30,7 +30,7 @@ TEST_F(DlnaTest, NormalQueuePlaysThroughInOrderAndStopsAtItsEnd) {
     auto p = player("trip");
     newCalls();
     ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(2)));
+    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(10)));
     EXPECT_EQ(p->getTotalTime(), "00:00:03");
     ASSERT_TRUE(waitParkedIn(*p, STATE_STOP_E, seconds(10))) << "the queue did not end";
 
@@ -51,13 +51,11 @@ TEST_F(DlnaTest, PhotoShowsForTheSlideShowDelayPlusOneTick) {
     auto started = Clock::now();
     ASSERT_EQ(p->play(), 0);
     // The counter shows 0, 1, 2 a tick each; the pass that counts past the delay changes track.
-    ASSERT_TRUE(waitFor([&] { return p->getCurrTime() == "00:00:02" && p->getCurrTrackIndex() == 0; }, seconds(2)));
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTime() == "00:00:02" && p->getCurrTrackIndex() == 0; }, seconds(10)));
     EXPECT_EQ(p->getTotalTime(), "00:00:03");
-    auto lastShown = Clock::now();
-    ASSERT_TRUE(waitFor([&] { return p->getCurrTrackIndex() == 1; }, seconds(2)));
-    EXPECT_LT(Clock::now() - lastShown, 18 * kTick / 10);
-    ASSERT_TRUE(waitFor([&] { return shown(kTvId, "objectID") == "mu_101"; }, seconds(2)));
-    // Loaded to the next entry loaded: four ticks.
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTrackIndex() == 1; }, seconds(10)));
+    ASSERT_TRUE(waitFor([&] { return shown(kTvId, "objectID") == "mu_101"; }, seconds(10)));
+    // Loaded to the next entry loaded: four passes at least (a busy machine only adds to it).
     EXPECT_GE(Clock::now() - started, 4 * kTick);
     p->stop(true);
 }
@@ -119,21 +117,21 @@ TEST_F(DlnaTest, OutsideStopStopsThePlayerUnlessNearTheEnd) {
     makePlaylist("trip", {file(SimRoot::longTrack()), object("mu_101")});
     auto p = player("trip");
     ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 2; }, seconds(3)));
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 2; }, seconds(10)));
     EXPECT_EQ(p->getTotalTime(), "00:00:40");
 
     // Stopped on the renderer some 30 s before the end: the user stopped it there.
     ASSERT_TRUE(renderer(kTvId, {"position=10", "speed=1"}));
-    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 10; }, seconds(2)));
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 10; }, seconds(10)));
     ASSERT_TRUE(renderer(kTvId, {"outside=stop"}));
-    ASSERT_TRUE(waitParkedIn(*p, STATE_STOP_E, seconds(3)));
+    ASSERT_TRUE(waitParkedIn(*p, STATE_STOP_E, seconds(10)));
     EXPECT_EQ(p->getCurrTrackIndex(), 0u);
 
     // Some 8 s before the end: the renderer finished early; the track ends and the queue goes on.
     ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 1; }, seconds(3)));
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 1; }, seconds(10)));
     ASSERT_TRUE(renderer(kTvId, {"position=32"}));
-    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 32; }, seconds(2)));
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 32; }, seconds(10)));
     ASSERT_TRUE(renderer(kTvId, {"outside=stop"}));
     ASSERT_TRUE(waitFor([&] { return p->getCurrTrackIndex() == 1; }, seconds(6)));
     EXPECT_NE(p->getPlayerState(), STATE_STOP_E);
@@ -145,7 +143,7 @@ TEST_F(DlnaTest, PauseFromEitherSideHoldsThePositionAndResumesWithoutReloading) 
     makePlaylist("long", {file(SimRoot::longTrack())});
     auto p = player("long");
     ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 2; }, seconds(3)));
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 2; }, seconds(10)));
 
     ASSERT_EQ(p->pause(), 0);
     EXPECT_TRUE(p->isParked());
@@ -161,15 +159,15 @@ TEST_F(DlnaTest, PauseFromEitherSideHoldsThePositionAndResumesWithoutReloading) 
 
     // Paused on the renderer's remote: the player parks and the monitor watches without acting.
     ASSERT_TRUE(renderer(kTvId, {"position=10", "outside=pause"}));
-    ASSERT_TRUE(waitParkedIn(*p, STATE_PAUSE_E, seconds(3)));
+    ASSERT_TRUE(waitParkedIn(*p, STATE_PAUSE_E, seconds(10)));
     std::this_thread::sleep_for(3 * kTick);
     EXPECT_EQ(p->getPlayerState(), STATE_PAUSE_E);
     EXPECT_EQ(rendererState(), "PAUSED_PLAYBACK");
     // Played on the remote: resumed where it was, not loaded again.
     newCalls();
     ASSERT_TRUE(renderer(kTvId, {"outside=play"}));
-    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(2)));
-    EXPECT_TRUE(waitFor([&] { return !p->isParked() && p->getCurrTimeSecond() >= 12; }, seconds(3)));
+    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(10)));
+    EXPECT_TRUE(waitFor([&] { return !p->isParked() && p->getCurrTimeSecond() >= 12; }, seconds(10)));
     EXPECT_TRUE(loads(newCalls()).empty());
 
     // Switched off, the monitor leaves a renderer resumed from outside alone.
@@ -195,12 +193,12 @@ TEST_F(DlnaTest, EachMonitorJudgesOnlyItsOwnRenderer) {
     speaker->setSlideShowDelay(60);
     ASSERT_EQ(tv->play(), 0);
     ASSERT_EQ(speaker->play(), 0);
-    ASSERT_TRUE(waitFor([&] { return tv->getCurrTimeSecond() >= 2; }, seconds(3)));
-    ASSERT_TRUE(waitState(*speaker, STATE_PLAY_E, seconds(2)));
+    ASSERT_TRUE(waitFor([&] { return tv->getCurrTimeSecond() >= 2; }, seconds(10)));
+    ASSERT_TRUE(waitState(*speaker, STATE_PLAY_E, seconds(10)));
 
     // The TV paused on its remote: its monitor keeps seeing a paused renderer.
     ASSERT_TRUE(renderer(kTvId, {"position=10", "outside=pause"}));
-    ASSERT_TRUE(waitParkedIn(*tv, STATE_PAUSE_E, seconds(3)));
+    ASSERT_TRUE(waitParkedIn(*tv, STATE_PAUSE_E, seconds(10)));
     // A paused slide show leaves its renderer showing the photo, which reports PLAYING: that is
     // no resume, whatever the other renderer did before.
     ASSERT_EQ(speaker->pause(), 0);
@@ -220,7 +218,7 @@ TEST_F(DlnaTest, SeekReloadsAtThePositionAndDestroyingStopsTheRenderer) {
     EXPECT_TRUE(newCalls().empty());
 
     ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 1; }, seconds(3)));
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 1; }, seconds(10)));
     newCalls();
     ASSERT_EQ(p->seek("00:00:20"), 0);
     auto loadAt = [](const char* position) {
@@ -231,7 +229,7 @@ TEST_F(DlnaTest, SeekReloadsAtThePositionAndDestroyingStopsTheRenderer) {
     size_t load = indexOf(calls, loadAt("00:00:20"));
     ASSERT_NE(load, std::string::npos);
     EXPECT_EQ(countCommand(calls, 0, load, "Stop"), 0u);
-    EXPECT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 20; }, seconds(2)));
+    EXPECT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 20; }, seconds(10)));
     EXPECT_EQ(p->getPlayerState(), STATE_PLAY_E);
     EXPECT_EQ(p->getCurrTrackIndex(), 0u);
 
@@ -245,10 +243,10 @@ TEST_F(DlnaTest, SeekReloadsAtThePositionAndDestroyingStopsTheRenderer) {
     EXPECT_EQ(p->getSeekOffset(), "00:00:05");
 
     // Destroyed while playing: the renderer is stopped, the threads end (the fixture counts).
-    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(2)));
+    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(10)));
     auto started = Clock::now();
     p.reset();
-    EXPECT_LT(Clock::now() - started, seconds(2));
+    EXPECT_LT(Clock::now() - started, seconds(5)) << "ending the player waits for nothing slow";
     EXPECT_EQ(rendererState(), "STOPPED");
 }
 
