@@ -339,40 +339,46 @@ int batch_add_playlist(CPlayerManager& playerManager, XMLNode& request, XMLNode&
     const char* appType = batch.getChildNode("appType").getText();
     if (!title || !appType) return result::kDatabaseFailure;
 
+    // The playlist and every entry in one transaction: a batch that fails, or a daemon killed
+    // half-way, leaves either no trace or the whole playlist.
     CSqlitePlaylist& store = playlistStore();
-    int id = store.getPlaylistID(title, appType);
-    if (id < 1) {
-        mediaType_e type = mediaTypeFromText(playlistNode.getAttribute("playlistType"));
-        store.addPlaylist(title, type, appType, batch.getChildNode("owner").getText(), batch.getChildNode("tag").getText());
-        id = store.getPlaylistID(title, appType);
-        if (id < 0) return result::kDatabaseFailure;
-    }
-
-    int size = store.getSizeOfPlaylist(id);
-    int n = batch.nChildNode("item");
-    int insertAt = size;
-    if (start != 0 && start < size && store.adjustPlayOrder(id, start, n) == 0) insertAt = start;
-
-    PlaylistBatch batchTransaction(store);
-    int index = 0;
-    int cursor = 0;  // walks the items once: a batch may hold tens of thousands
-    for (XMLNode item = batch.getChildNode("item", &cursor); !item.isEmpty(); item = batch.getChildNode("item", &cursor)) {
-        const char* content = item.getText();
-        if (store.transAddElmInPlaylist(id, mediaTypeFromText(item.getAttribute("mediaType")),
-                                        contentTypeFromText(item.getAttribute("contentType")), content ? content : "",
-                                        insertAt + index) != 0) {
-            LOG_ERR("g_playlistDB.addElmInPlaylist() ... fail");
-            rc = result::kDatabaseFailure;
-            break;
+    int id = -1;
+    {
+        PlaylistBatch batchTransaction(store);
+        id = store.transPlaylistID(title, appType);
+        if (id < 1) {
+            mediaType_e type = mediaTypeFromText(playlistNode.getAttribute("playlistType"));
+            store.transAddPlaylist(title, type, appType, batch.getChildNode("owner").getText(),
+                                   batch.getChildNode("tag").getText());
+            id = store.transPlaylistID(title, appType);
+            if (id < 0) return result::kDatabaseFailure;
         }
-        ++index;
+
+        int size = store.transSizeOfPlaylist(id);
+        int n = batch.nChildNode("item");
+        int insertAt = size;
+        if (start != 0 && start < size && store.transAdjustPlayOrder(id, start, n) == 0) insertAt = start;
+
+        int index = 0;
+        int cursor = 0;  // walks the items once: a batch may hold tens of thousands
+        for (XMLNode item = batch.getChildNode("item", &cursor); !item.isEmpty();
+             item = batch.getChildNode("item", &cursor)) {
+            const char* content = item.getText();
+            if (store.transAddElmInPlaylist(id, mediaTypeFromText(item.getAttribute("mediaType")),
+                                            contentTypeFromText(item.getAttribute("contentType")),
+                                            content ? content : "", insertAt + index) != 0) {
+                LOG_ERR("g_playlistDB.addElmInPlaylist() ... fail");
+                return result::kDatabaseFailure;  // rolled back, the batch file kept for a retry
+            }
+            ++index;
+        }
+        if (batchTransaction.end() != SQLITE_OK) return result::kDatabaseFailure;
     }
-    batchTransaction.end();
 
     playerManager.updateAssociatePlayQueue(id);
     removeBatchFile(filePath);
-    if (rc == result::kOk) answerOk(answer);
-    return rc;
+    answerOk(answer);
+    return result::kOk;
 }
 
 int batch_del_playlist(CPlayerManager&, XMLNode& request, XMLNode& answer) {

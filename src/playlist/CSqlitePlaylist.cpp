@@ -498,6 +498,11 @@ int CSqlitePlaylist::insertElmLocked(int playlistID, int orderNr, mediaType_e me
 int CSqlitePlaylist::addPlaylist(const char* title, mediaType_e type, const char* appType, const char* owner,
                                  const char* tag) {
     ThreadSingleLock guard(m_lock);
+    return addPlaylistLocked(title, type, appType, owner, tag);
+}
+
+int CSqlitePlaylist::addPlaylistLocked(const char* title, mediaType_e type, const char* appType, const char* owner,
+                                       const char* tag) {
     sqlite3_int64 count = 0;
     bool found = false;
     {
@@ -737,6 +742,10 @@ int CSqlitePlaylist::reorderPlaylistElm(int playlistID, int fromOrder, int toOrd
 
 int CSqlitePlaylist::adjustPlayOrder(int playlistID, int fromOrder, int delta) {
     ThreadSingleLock guard(m_lock);
+    return adjustPlayOrderLocked(playlistID, fromOrder, delta);
+}
+
+int CSqlitePlaylist::adjustPlayOrderLocked(int playlistID, int fromOrder, int delta) {
     if (getSizeOfPlaylistLocked(playlistID) < fromOrder) return -1;
     Query q(m_stmts[kElmAdjust], delta, playlistID, fromOrder);
     int rc = runLocked(q);
@@ -762,7 +771,28 @@ int CSqlitePlaylist::transAddElmInPlaylist(int playlistID, mediaType_e mediaType
     return insertElmLocked(playlistID, orderNr, mediaType, contentType, orEmpty(content), "N/A");
 }
 
-int CSqlitePlaylist::transEnd() {
+int CSqlitePlaylist::transPlaylistID(const char* title, const char* appType) {
+    int id = 0;
+    if (lookupPlaylistIDLocked(orEmpty(title), orEmpty(appType), id) != SQLITE_OK) return kFail;
+    return id < 1 ? -1 : id;
+}
+
+int CSqlitePlaylist::transAddPlaylist(const char* title, mediaType_e type, const char* appType, const char* owner,
+                                      const char* tag) {
+    return addPlaylistLocked(title, type, appType, owner, tag);
+}
+
+int CSqlitePlaylist::transSizeOfPlaylist(int playlistID) { return getSizeOfPlaylistLocked(playlistID); }
+
+int CSqlitePlaylist::transAdjustPlayOrder(int playlistID, int fromOrder, int delta) {
+    return adjustPlayOrderLocked(playlistID, fromOrder, delta);
+}
+
+int CSqlitePlaylist::transEnd() { return finishTransaction(true); }
+
+int CSqlitePlaylist::transAbort() { return finishTransaction(false); }
+
+int CSqlitePlaylist::finishTransaction(bool commit) {
     bool mine = m_inTrans.load(std::memory_order_acquire) &&
                 pthread_equal(m_transOwner.load(std::memory_order_relaxed), pthread_self());
     if (!mine && pthread_mutex_trylock(&m_lock) != 0) {
@@ -770,10 +800,10 @@ int CSqlitePlaylist::transEnd() {
         LOG_ERR("transEnd without transBegin while the playlist store is busy");
         return SQLITE_MISUSE;
     }
-    int rc;
-    {
-        Query commit(m_stmts[kCommit]);
-        rc = runLocked(commit);
+    int rc = SQLITE_ABORT;
+    if (commit) {
+        Query commitQuery(m_stmts[kCommit]);
+        rc = runLocked(commitQuery);
     }
     // A transaction left open would swallow every later change of the daemon.
     if (rc != SQLITE_OK && m_db && !sqlite3_get_autocommit(m_db)) {

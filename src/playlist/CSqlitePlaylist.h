@@ -52,12 +52,19 @@ public:
     int adjustPlayOrder(int playlistID, int fromOrder, int delta) override;
 
     // Batch insertion: transBegin takes the store's lock and opens a transaction, which
-    // transEnd commits, releasing the lock. Between them the thread must call no other
-    // locking operation.
+    // transEnd commits (or transAbort rolls back), releasing the lock. Between them the thread
+    // calls only the trans* operations, which work inside that transaction.
     int transBegin();
+    // -1 when there is no such playlist.
+    int transPlaylistID(const char* title, const char* appType);
+    // 0 created, 1 it exists already, -12 on a database error.
+    int transAddPlaylist(const char* title, mediaType_e type, const char* appType, const char* owner, const char* tag);
+    int transSizeOfPlaylist(int playlistID);
+    int transAdjustPlayOrder(int playlistID, int fromOrder, int delta);
     int transAddElmInPlaylist(int playlistID, mediaType_e mediaType, contentType_e contentType, const char* content,
                               int orderNr);
     int transEnd();
+    int transAbort();
 
 private:
     // The statements of every frequent operation, prepared once when the database opens.
@@ -110,6 +117,11 @@ private:
     void logSqlError_(const std::source_location& where = std::source_location::current()) const;
 
     int createTableLocked(const char* sql);
+    int addPlaylistLocked(const char* title, mediaType_e type, const char* appType, const char* owner,
+                          const char* tag);
+    int adjustPlayOrderLocked(int playlistID, int fromOrder, int delta);
+    // Commits (or rolls back) the batch transaction and releases the store's lock.
+    int finishTransaction(bool commit);
     int getSizeOfPlaylistLibLocked(std::string_view appType);
     int getSizeOfPlaylistLocked(int playlistID);
     int getPlaylistElmByIndexLocked(playlistElm_t& elm, int playlistID, int index);
@@ -142,13 +154,13 @@ private:
 // The process-wide store.
 inline CSqlitePlaylist& playlistStore() { return *CGlobalsSingleton<CSqlitePlaylist>::get(); }
 
-// The store's batch transaction for one scope: transBegin when made, transEnd (a commit, or a
-// roll-back when the commit fails) by end() or, whatever way the scope is left, at its end.
+// The store's batch transaction for one scope: transBegin when made; end() commits (a failed
+// commit rolls back); leaving the scope without end() rolls everything back.
 class PlaylistBatch {
 public:
     explicit PlaylistBatch(CSqlitePlaylist& store) : m_store(store) { m_store.transBegin(); }
     ~PlaylistBatch() {
-        if (!m_ended) m_store.transEnd();
+        if (!m_ended) m_store.transAbort();
     }
     PlaylistBatch(const PlaylistBatch&) = delete;
     PlaylistBatch& operator=(const PlaylistBatch&) = delete;

@@ -144,6 +144,24 @@ TEST_F(StoreTest, BatchInsertionAtAPosition) {
     EXPECT_EQ(8, m_store->getSizeOfPlaylist(id));
 }
 
+TEST_F(StoreTest, ABatchLeftUnfinishedLeavesNoTrace) {
+    {
+        PlaylistBatch batch(*m_store);
+        ASSERT_EQ(0, m_store->transAddPlaylist("fresh", MEDIA_AUDIO_E, "music", "o", "t"));
+        const int id = m_store->transPlaylistID("fresh", "music");
+        ASSERT_GE(id, 1);
+        ASSERT_EQ(0, m_store->transAddElmInPlaylist(id, MEDIA_AUDIO_E, CONTENT_FILE_E, "/a.mp3", 0));
+        EXPECT_EQ(1, m_store->transSizeOfPlaylist(id));
+    }  // no end(): rolled back
+    EXPECT_EQ(-1, m_store->getPlaylistID("fresh", "music"));
+    {
+        PlaylistBatch batch(*m_store);
+        ASSERT_EQ(0, m_store->transAddPlaylist("fresh", MEDIA_AUDIO_E, "music", "o", "t"));
+        EXPECT_EQ(0, batch.end());
+    }
+    EXPECT_GE(m_store->getPlaylistID("fresh", "music"), 1);
+}
+
 TEST_F(StoreTest, BatchHoldsOtherThreadsOffUntilCommitted) {
     int id = makeList("list", 1);
     ASSERT_EQ(0, m_store->transBegin());
