@@ -259,4 +259,31 @@ std::string urlEscape(const std::string& text) {
     return out;
 }
 
+namespace {
+
+// The text of the first element named `name` below node, depth first.
+std::string firstText(const XMLNode& node, const char* name) {
+    for (int i = 0; i < node.nChildNode(); ++i) {
+        XMLNode child = node.getChildNode(i);
+        if (strcasecmp(xmltoa(child.getName()), name) == 0 && child.getText()) return child.getText();
+        std::string below = firstText(child, name);
+        if (!below.empty()) return below;
+    }
+    return {};
+}
+
+}  // namespace
+
+ItemMetadata itemMetadata(const std::string& browseAnswer) {
+    ItemMetadata meta;
+    XMLNode result = XMLNode::parseString(browseAnswer, "root").getChildNode("Result");
+    if (result.isEmpty()) return meta;
+    XMLNode didl = result;
+    // Agents that follow the UPnP answer format send the document as text.
+    if (result.nChildNode() == 0 && result.getText()) didl = XMLNode::parseString(result.getText());
+    meta.title = firstText(didl, "dc:title");
+    meta.albumArtUrl = firstText(didl, "upnp:albumArtURI");
+    return meta;
+}
+
 }  // namespace mediaagent

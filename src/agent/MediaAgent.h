@@ -56,6 +56,14 @@ int browseByDbID(const std::string& dbID, int mediaType, std::string& out, const
                  int startingIndex = -1, int requestedCount = -1, const char* netInterface = nullptr);
 int browseByFilePath(const std::string& filePath, std::string& out, const char* clientType = nullptr,
                      int startingIndex = -1, int requestedCount = -1, const char* netInterface = nullptr);
+// Title and album art of the item a browse answer describes (its Result holds a DIDL-Lite
+// document, as elements or as escaped text); empty where the answer has none.
+struct ItemMetadata {
+    std::string title;
+    std::string albumArtUrl;
+};
+ItemMetadata itemMetadata(const std::string& browseAnswer);
+
 // The path of the first external subtitle file the server marks automatic for the object
 // (getExternalSubtitle); -1 when there is none.
 int automaticSubtitle(const std::string& objectID, std::string& path);

@@ -143,6 +143,10 @@ void updateRenderCache(CPlayerManager& playerManager, XMLNode& reply) {
             const int port = std::atoi(xmltoa(typeNode.getAttribute("port")));
             playerManager.addRenderInCache(id, name, ip, type, nullptr, port > 0 ? port : 7000, "", "",
                                            xmltoa(dev.getChildNode("authMethod").getText()));
+        } else if (type & kChromecast) {
+            // Groups and some receivers listen elsewhere than on the usual 8009.
+            const int port = std::atoi(xmltoa(typeNode.getAttribute("port")));
+            playerManager.addRenderInCache(id, name, ip, type, nullptr, port > 0 ? port : 8009, "", "");
         } else if (type & kAlsa) {
             playerManager.addRenderInCache(id, name, ip, type, nullptr, 7000, xmltoa(dev.getAttribute("card")),
                                            xmltoa(dev.getAttribute("device")));

@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "output/airplay/CAirplayPlayer.h"
+#include "output/cast/CChromecast.h"
 #include "output/dlna/CDlnaPlayer.h"
 #include "output/mpd/CAlsaPlayer.h"
 #include "output/raop/CRaopPlayer.h"
@@ -16,6 +17,7 @@ const BackendRow kRows[] = {
     {"dlna", playertype::kDlna, &CDlnaPlayer::create, nullptr},
     {"airplay", playertype::kAirplay, &CAirplayPlayer::create, nullptr},
     {"raop", playertype::kRaop, &CRaopPlayer::create, nullptr},
+    {"cast", playertype::kChromecast, &CChromecast::create, nullptr},
     {"mpd", playertype::kAlsa, &CAlsaPlayer::create, &CAlsaPlayer::setAttributesWithoutPlayer},
 };
 

@@ -10,6 +10,7 @@
 
 #include "output/PlaybackWorker.h"
 #include "player/CPlayer.h"
+#include "playlist/PlaylistTypes.h"
 
 class CDevicePlayer : public CPlayer, protected DeviceSteps {
 public:
@@ -36,6 +37,16 @@ protected:
     void endWorker(bool stopDevice) { m_worker.end(stopDevice); }
     virtual void debugDetails(std::string& /*out*/) {}
     PlaybackWorker& worker() { return m_worker; }
+
+    // For back-ends that hand the device a URL of the appliance's media server.
+    // The network interface that carries the device's address; empty when unknown.
+    std::string netInterface();
+    // The entry's URL for a client of clientType, served on that interface; empty on failure.
+    std::string mediaUrl(const playlistElm_s& elm, const char* clientType);
+    // The entry's file on the appliance; empty on failure.
+    std::string contentFilePath(const playlistElm_s& elm);
+    // One pass of a photo shown for the slide-show delay: shown counts the passes so far.
+    Follow followSlide(int& shown);
 
 private:
     PlaybackWorker m_worker;

@@ -13,6 +13,7 @@ struct Response {
     bool m_muted = false;    // likewise
     std::string m_errMsg;
     std::string m_state;
+    std::string m_idleReason;  // why a receiver went idle (FINISHED, CANCELLED...), where it says
 
     // Logs one line per field.
     void dump() const;

@@ -105,6 +105,8 @@ Subprocess& Subprocess::operator=(Subprocess&& other) noexcept {
     m_out = std::exchange(other.m_out, -1);
     m_err = std::exchange(other.m_err, -1);
     m_pidfd = std::exchange(other.m_pidfd, -1);
+    m_pending = std::exchange(other.m_pending, {});
+    m_dropping = std::exchange(other.m_dropping, false);
     return *this;
 }
 
@@ -120,6 +122,8 @@ void Subprocess::reset() {
     m_pid = -1;
     m_reaped = false;
     m_status = -1;
+    m_pending.clear();  // unread output belongs to the child that has gone
+    m_dropping = false;
 }
 
 void Subprocess::closeStdin() { closeFd(m_in); }

@@ -78,46 +78,6 @@ void CAirplayPlayer::judge(const Response& response) {
              getDeviceName().c_str(), response.m_response);
 }
 
-std::string CAirplayPlayer::netInterface() {
-    std::string iface;
-    const std::string ip = getIP();
-    if (ip.empty() || get_if_by_ip(ip.c_str(), iface) != 0) iface.clear();
-    return iface;
-}
-
-std::string CAirplayPlayer::mediaUrl(const playlistElm_s& elm) {
-    const std::string iface = netInterface();
-    const char* ifaceArg = iface.empty() ? nullptr : iface.c_str();
-    std::string url;
-    std::string objectID = elm.Content;
-    int rc = -1;
-    switch (elm.ContentType) {
-        case CONTENT_FILE_E: rc = mediaagent::filePathToUrl(elm.Content, url, kClientType, ifaceArg); break;
-        case CONTENT_DBID_E:
-            if (mediaagent::dbIDToUpnpObjectID(elm.Content, elm.MediaType, objectID) != 0) break;
-            [[fallthrough]];
-        case CONTENT_OBJECT_E: rc = mediaagent::upnpObjectToUrl(objectID, url, kClientType, ifaceArg); break;
-        default: break;
-    }
-    if (rc != 0) url.clear();
-    return url;
-}
-
-std::string CAirplayPlayer::photoPath(const playlistElm_s& elm) {
-    std::string path;
-    int start = -1;
-    int length = -1;
-    int rc = -1;
-    switch (elm.ContentType) {
-        case CONTENT_FILE_E: path = elm.Content, rc = 0; break;
-        case CONTENT_DBID_E: rc = mediaagent::dbIDToFilePath(elm.Content, elm.MediaType, path, start, length); break;
-        case CONTENT_OBJECT_E: rc = mediaagent::upnpObjectToFilePath(elm.Content, path); break;
-        default: break;
-    }
-    if (rc != 0) path.clear();
-    return path;
-}
-
 // ---- worker steps --------------------------------------------------------------------------
 
 DeviceSteps::Start CAirplayPlayer::startTrack(bool) {
@@ -137,7 +97,7 @@ DeviceSteps::Start CAirplayPlayer::startTrack(bool) {
     m_photo = elm.MediaType == MEDIA_PHOTO_E;
     const std::string device = getRenderID();
     if (m_photo) {
-        const std::string path = photoPath(elm);
+        const std::string path = contentFilePath(elm);
         if (path.empty()) return Start::Refused;
         Response r;
         int rc = m_useScript ? -1 : service().playPhoto(r, path);
@@ -150,7 +110,7 @@ DeviceSteps::Start CAirplayPlayer::startTrack(bool) {
         return Start::Started;
     }
 
-    const std::string url = mediaUrl(elm);
+    const std::string url = mediaUrl(elm, kClientType);
     if (url.empty()) {
         LOG_ERR("%s: no URL for %s", getDeviceName().c_str(), elm.Content.c_str());
         return Start::Refused;
@@ -197,16 +157,8 @@ bool CAirplayPlayer::poll(float& position, float& duration) {
     return true;
 }
 
-DeviceSteps::Follow CAirplayPlayer::followPhoto() {
-    const int delay = getSlideShowDelay();
-    setCurrTime(m_delayCount);
-    setTotalTime(sec_to_hhmmss(delay));
-    if (++m_delayCount > delay) return Follow::Over;
-    return Follow::Playing;
-}
-
 DeviceSteps::Follow CAirplayPlayer::followTrack() {
-    if (m_photo) return followPhoto();
+    if (m_photo) return followSlide(m_delayCount);
     float position = 0;
     float duration = 0;
     if (!poll(position, duration)) {

@@ -61,10 +61,6 @@ private:
     bool poll(float& position, float& duration);
     // Notes a receiver that asks for a password: from then on the script drives it.
     void judge(const Response& response);
-    std::string mediaUrl(const playlistElm_s& elm);
-    std::string photoPath(const playlistElm_s& elm);
-    std::string netInterface();
-    Follow followPhoto();
     // The service, with the address the player was last given (a revived player gets a new one).
     AirPlayService& service();
 
