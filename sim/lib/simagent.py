@@ -150,10 +150,12 @@ def browse(opts):
             return answer("fail")
     mime = MIME.get(os.path.splitext(e["path"])[1], "application/octet-stream")
     item = ('<item id="%s" parentID="0" restricted="1"><dc:title>%s</dc:title>'
-            "<upnp:class>%s</upnp:class>"
+            "<upnp:class>%s</upnp:class>%s"
             '<res protocolInfo="http-get:*:%s:*" duration="%s.000">%s</res></item>'
             % (escape(e["objectID"]), escape(e["title"]), UPNP_CLASS.get(e["mediaType"], "object.item"),
-               mime, e["duration"], escape(media_url(e))))
+               # Music has its album's cover.
+               "<upnp:albumArtURI>http://127.0.0.1:8200/art/%s.jpg</upnp:albumArtURI>" % escape(e["objectID"])
+               if e["mediaType"] == "0" else "", mime, e["duration"], escape(media_url(e))))
     sys.stdout.write("<root><status>success</status><Result>"
                      '<DIDL-Lite xmlns="urn:schemas-upnp-org:metadata-1-0/DIDL-Lite/" '
                      'xmlns:dc="http://purl.org/dc/elements/1.1/" '

@@ -75,7 +75,7 @@ ChromecastService& CChromecast::service() {
 // ---- caller side: recorded for the worker --------------------------------------------------
 
 int CChromecast::seek(const char* hhmmss) {
-    if (!hhmmss || worker().flags().stop) return 0;
+    if (!hhmmss || getPlayerState() == STATE_STOP_E) return 0;
     m_pendingSeek = std::max(0, hhmmss_convert_to_sec(hhmmss));
     return 0;
 }

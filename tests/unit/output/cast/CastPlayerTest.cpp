@@ -1,0 +1,181 @@
+// The Chromecast player against the simulated sender: a queue played through by the play
+// mode with titles and artwork, controls handed to the sender, the receiver's own remote, and a
+// sender that loses its receiver: reloaded where it was, given up after a few, never left
+// running.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+
+#include "output/cast/CChromecast.h"
+#include "player/PlayerTypes.h"
+#include "unit/output/cast/CastTestSupport.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+class CastPlayerTest : public testsupport::CastSenderTest {
+protected:
+    void SetUp() override {
+        CastSenderTest::SetUp();
+        CChromecast::setTick(50ms);
+        clearSenderLogs();
+    }
+    void TearDown() override {
+        CChromecast::setTick(1000ms);
+        CastSenderTest::TearDown();
+    }
+    void makePlaylist(const char* title, const std::vector<std::string>& files) {
+        ASSERT_EQ(playlistStore().addPlaylist(title, MEDIA_AUDIO_E, "music", "admin", "test"), 0);
+        for (const auto& f : files)
+            ASSERT_EQ(playlistStore().addElmInPlaylist(title, MEDIA_AUDIO_E, CONTENT_FILE_E, "music",
+                                                       at("share/Public/Music/" + f).c_str(), -1),
+                      0);
+    }
+    std::unique_ptr<CChromecast> player(const char* title) {
+        return std::make_unique<CChromecast>(playertype::kChromecast | playertype::kCapAudio, "cast-1", "Den", title,
+                                             "music", "10.0.0.7", 8009);
+    }
+    static bool waitFor(const std::function<bool()>& done) { return testsupport::eventually(done, 20s, 10ms); }
+    // LOAD lines read by every sender so far, in order.
+    int loads(const std::string& what) {
+        int n = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(at("var/sim/cast"))) {
+            const std::string text = testsupport::readFile(entry.path());
+            for (size_t p = 0; (p = text.find(what, p)) != std::string::npos; ++p) ++n;
+        }
+        return n;
+    }
+    void clearSenderLogs() {
+        std::error_code ec;
+        std::filesystem::remove_all(at("var/sim/cast"), ec);
+        testsupport::makeDirs(at("var/sim/cast"));
+    }
+};
+
+TEST_F(CastPlayerTest, AQueuePlaysThroughWithTitlesAndStopsInNormalMode) {
+    setSwitches(R"({"duration": 1})");
+    makePlaylist("two", {"01 Morning.mp3", "02 Rain & Thunder.mp3"});
+    auto p = player("two");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Rain & Thunder\"") == 1; }));
+    const pid_t pid = p->senderPid();
+    EXPECT_TRUE(receivedLine(pid, "{\"cmd\":\"LOAD\", \"url\":\"http://127.0.0.1:8200/media/mu_101.mp3\", "
+                                  "\"title\":\"Morning\", \"imageUrl\":\"http://127.0.0.1:8200/art/mu_101.jpg\"}\r\n"));
+    ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
+    EXPECT_EQ(loads("\"cmd\":\"LOAD\""), 2) << "NORMAL: once through";
+    EXPECT_EQ(callLog.count("node"), 1) << "one sender for the whole queue";
+    EXPECT_TRUE(waitFor([&] { return gone(pid); })) << "a full stop ends the sender";
+}
+
+TEST_F(CastPlayerTest, RepeatWrapsRound) {
+    setSwitches(R"({"duration": 1})");
+    makePlaylist("two", {"01 Morning.mp3", "02 Rain & Thunder.mp3"});
+    auto p = player("two");
+    p->setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Morning\"") >= 2; }));
+    EXPECT_EQ(p->getPlayerState(), STATE_PLAY_E);
+    EXPECT_EQ(p->stop(true), 0);
+}
+
+TEST_F(CastPlayerTest, ControlsReachTheSenderWithoutWaitingForIt) {
+    setSwitches(R"({"duration": 60})");
+    makePlaylist("one", {"01 Morning.mp3"});
+    auto p = player("one");
+    EXPECT_EQ(p->setVolume(30), 0) << "kept for the first load";
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->senderPid() > 0 && p->getTotalTimeSecond() == 60; }));
+    const pid_t pid = p->senderPid();
+    EXPECT_TRUE(waitFor([&] { return receivedLine(pid, "{ \"cmd\":\"SET_VOLUME\", \"volume\":\"0.300000\" }\r\n"); }));
+
+    ASSERT_EQ(p->pause(), 0);
+    EXPECT_TRUE(receivedLine(pid, "{ \"cmd\":\"PAUSE\" }\r\n"));
+    ASSERT_EQ(p->seek("00:00:30"), 0);
+    EXPECT_TRUE(waitFor([&] { return receivedLine(pid, "{ \"cmd\":\"SEEK\", \"seektime\":\"30.000000\" }\r\n"); }))
+        << "sought while paused";
+    ASSERT_EQ(p->setMute(true), 0);
+    EXPECT_TRUE(p->isMute());
+    EXPECT_TRUE(waitFor([&] { return receivedLine(pid, "{ \"cmd\":\"SET_MUTE\", \"mute\":\"true\" }\r\n"); }));
+    ASSERT_EQ(p->setMute(false), 0);
+    ASSERT_EQ(p->setVolume(45), 0);
+    ASSERT_EQ(p->play(), 0);
+    EXPECT_TRUE(receivedLine(pid, "{ \"cmd\":\"PLAY\" }\r\n"));
+    EXPECT_TRUE(waitFor([&] { return p->getCurrTimeSecondWithOutSeek() >= 30; })) << "the position counts on from 30";
+    EXPECT_TRUE(waitFor([&] { return receivedLine(pid, "{ \"cmd\":\"SET_VOLUME\", \"volume\":\"0.450000\" }\r\n"); }));
+    EXPECT_EQ(p->getVolume(), 45);
+
+    ASSERT_EQ(p->stop(true), 0);
+    EXPECT_TRUE(receivedLine(pid, "{ \"cmd\":\"STOP\" }\r\n{ \"cmd\":\"CLOSE\" }\r\n"));
+    EXPECT_TRUE(gone(pid));
+}
+
+TEST_F(CastPlayerTest, TheReceiversOwnRemoteIsFollowed) {
+    setSwitches(R"({"duration": 60})");
+    makePlaylist("one", {"01 Morning.mp3"});
+    auto p = player("one");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecondWithOutSeek() >= 1; }));
+    setSwitches(R"({"duration": 60, "outside": "pause"})");
+    ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_PAUSE_E; }));
+    setSwitches(R"({"duration": 60, "outside": "resume"})");
+    ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_PLAY_E; }));
+    const pid_t pid = p->senderPid();
+    setSwitches(R"({"duration": 60, "outside": "stop"})");
+    ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
+    EXPECT_TRUE(waitFor([&] { return gone(pid); }));
+    EXPECT_EQ(loads("\"cmd\":\"LOAD\""), 1) << "stopped, not moved on";
+}
+
+TEST_F(CastPlayerTest, ALostSenderIsReplacedWhereTheTrackWasThenGivenUp) {
+    setSwitches(R"({"duration": 60})");
+    makePlaylist("one", {"01 Morning.mp3"});
+    auto p = player("one");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecondWithOutSeek() >= 2; }));
+    const pid_t first = p->senderPid();
+    setSwitches(R"({"duration": 60, "drop": 1})");
+    ASSERT_TRUE(waitFor([&] { return p->senderPid() > 0 && p->senderPid() != first; }));
+    const pid_t second = p->senderPid();
+    EXPECT_TRUE(gone(first));
+    ASSERT_TRUE(waitFor([&] { return received(second).find("\"cmd\":\"SEEK\"") != std::string::npos; }));
+    const std::string lines = received(second);
+    const size_t seek = lines.find("\"seektime\":\"");
+    ASSERT_NE(seek, std::string::npos);
+    EXPECT_GE(std::atof(lines.c_str() + seek + 12), 2.0) << lines;
+    EXPECT_EQ(p->getPlayerState(), STATE_PLAY_E);
+    // It plays again (two status requests after the seek: the first one's answer was heard).
+    ASSERT_TRUE(waitFor([&] {
+        const std::string text = received(second);
+        const size_t status = text.find("STATUS", seek);
+        return status != std::string::npos && text.find("STATUS", status + 1) != std::string::npos;
+    }));
+
+    // Lost for good: three new senders, then the player stops with none left.
+    setSwitches(R"({"duration": 60, "drop": 100})");
+    ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
+    EXPECT_EQ(callLog.count("node"), 2 + CChromecast::kMaxReloads);
+    EXPECT_EQ(p->senderPid(), -1);
+}
+
+TEST_F(CastPlayerTest, ARefusedQueueStopsAndDestructionEndsAPlayingSender) {
+    setSwitches(R"({"refuse_load": true})");
+    makePlaylist("two", {"01 Morning.mp3", "02 Rain & Thunder.mp3"});
+    {
+        auto p = player("two");
+        ASSERT_EQ(p->play(), 0);
+        ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
+    }
+    setSwitches(R"({"duration": 60})");
+    pid_t pid = -1;
+    {
+        auto p = player("two");
+        ASSERT_EQ(p->play(), 0);
+        ASSERT_TRUE(waitFor([&] { return (pid = p->senderPid()) > 0; }));
+    }
+    EXPECT_TRUE(gone(pid));
+}
+
+}  // namespace
