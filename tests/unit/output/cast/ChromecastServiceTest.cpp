@@ -123,7 +123,7 @@ TEST_F(ChromecastServiceTest, ALostReceiverEndsTheSenderUntilTheNextLoad) {
 
 TEST_F(ChromecastServiceTest, ASenderThatDoesNotAnswerIsEndedAfterTheReplyTimeout) {
     ChromecastService::setReplyTimeout(300ms);
-    for (const char* how : {R"({"silent": true})", R"({"partial": true})"}) {
+    for (const char* how : {R"({"silent": true})", R"({"partial": true})", R"({"exit": true})"}) {
         SCOPED_TRACE(how);
         ChromecastService s("cast-1", "10.0.0.7", 8009, "Den");
         Response r;
