@@ -59,14 +59,21 @@ class CastChannel extends EventEmitter {
     if (!this.closed) this.socket.write(bytes);
   }
 
-  /** Ends the connection after what was written is flushed. */
+  /** Ends the connection after what was written is flushed; resolves once the socket is shut. */
   end() {
-    if (this.closed) return;
+    if (this.closed) return Promise.resolve();
     this.closed = true;
+    const shut = new Promise((resolve) => {
+      this.socket.once('close', resolve);
+      // A peer that never acknowledges the end must not keep the socket open.
+      setTimeout(() => {
+        this.socket.destroy();
+        resolve();
+      }, 1000).unref();
+    });
     this.socket.end();
-    // A peer that never acknowledges the end must not keep the socket open.
-    setTimeout(() => this.socket.destroy(), 1000).unref();
     this.emit('close', 'closed here');
+    return shut;
   }
 
   destroy(reason = 'closed here') {

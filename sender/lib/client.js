@@ -164,14 +164,16 @@ class CastClient extends EventEmitter {
     }
   }
 
-  /** Closes the virtual connections and the socket; pending requests fail as lost. */
+  /** Closes the virtual connections and the socket (resolves once it is shut); pending requests fail as lost. */
   close() {
+    let shut = Promise.resolve();
     if (this.channel && !this.lost) {
       for (const d of [...this.connected].reverse()) this.send(d, NS.connection, { type: 'CLOSE' });
       this.channel.removeAllListeners('close');
-      this.channel.end();
+      shut = this.channel.end();
     }
     this._lose('closed');
+    return shut;
   }
 }
 

@@ -52,7 +52,8 @@ function decodeMessage(body) {
   }
   if (m.protocolVersion !== 0) throw new FrameError(`unknown protocol version ${m.protocolVersion}`);
   const binary = m.payloadType === PAYLOAD_BINARY;
-  if (binary ? m.payloadBinary == null : m.payloadUtf8 == null) {
+  // Unset optional fields read as defaults from the prototype; only own properties were sent.
+  if (!Object.prototype.hasOwnProperty.call(m, binary ? 'payloadBinary' : 'payloadUtf8')) {
     throw new FrameError('message without its payload');
   }
   return {

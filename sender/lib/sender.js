@@ -309,7 +309,7 @@ class Sender {
   async close() {
     if (this.client) {
       this.client.removeAllListeners();
-      this.client.close();
+      await this.client.close();
       this.client = null;
     }
     this.launched = false;
@@ -361,10 +361,10 @@ function main(argv) {
 
   let ending = false;
   const finish = () => {
-    if (sender.client) sender.client.close();
-    // Let the TLS close and the last reply leave before the process goes.
-    process.stdout.write('', () => process.exit(0));
-    setTimeout(() => process.exit(0), 500).unref();
+    // The goodbye to the receiver and the last reply leave before the process goes.
+    const shut = sender.client ? sender.client.close() : Promise.resolve();
+    shut.then(() => process.stdout.write('', () => process.exit(0)));
+    setTimeout(() => process.exit(0), 1500).unref();
   };
   process.on('SIGTERM', () => {
     ending = true;
