@@ -362,8 +362,7 @@ function main(argv) {
   let ending = false;
   const finish = () => {
     // The goodbye to the receiver and the last reply leave before the process goes.
-    const shut = sender.client ? sender.client.close() : Promise.resolve();
-    shut.then(() => process.stdout.write('', () => process.exit(0)));
+    sender.close().then(() => process.stdout.write('', () => process.exit(0)));
     setTimeout(() => process.exit(0), 1500).unref();
   };
   process.on('SIGTERM', () => {

@@ -76,8 +76,8 @@ async function startReceiver(args = []) {
 }
 
 /** A sender to 127.0.0.1:PORT; send() writes one line and resolves with its parsed reply. */
-function startSender(port, env = {}) {
-  const proc = spawn(process.execPath, [SENDER, '127.0.0.1', String(port)], {
+function startSender(port, env = {}, { node = process.execPath, script = SENDER } = {}) {
+  const proc = spawn(node, [script, '127.0.0.1', String(port)], {
     stdio: ['pipe', 'pipe', 'pipe'],
     env: { ...process.env, CAST_SENDER_TIMEOUT_MS: '5000', ...env },
   });
