@@ -226,6 +226,7 @@ class Sender {
       ? status.applications.find((a) => a.appId === APP_ID && a.transportId) : undefined);
     const st = await this.client.request(PLATFORM, NS.receiver, { type: 'GET_STATUS' });
     let app = findApp(st.status);
+    const running = app !== undefined;
     if (!app) {
       const answer = this._refused(await this.client.request(PLATFORM, NS.receiver, { type: 'LAUNCH', appId: APP_ID }));
       app = findApp(answer.status);
@@ -242,8 +243,16 @@ class Sender {
       this.client.connectTo(this.transportId);
     }
     this.launched = true;
-    // A media session already playing in a reused application is picked up.
-    this._refused(await this.client.request(this.transportId, NS.media, { type: 'GET_STATUS' }));
+    if (running) {
+      // A media session already playing in the joined application is picked up. Not worth
+      // failing the launch for: a LOAD will tell whether the application answers.
+      try {
+        await this.client.request(this.transportId, NS.media, { type: 'GET_STATUS' });
+      } catch (e) {
+        if (!(e instanceof TimeoutError)) throw e;
+        this.log(`joined application did not report its media: ${e.message}`);
+      }
+    }
   }
 
   async load(cmd) {

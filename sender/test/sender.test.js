@@ -170,6 +170,12 @@ test('every connected sender follows what another one does', async (t) => {
     return s.state === 'PLAYING' && s.volume === 0.25 && s;
   }, 'the broadcasts');
   assert.strictEqual(seen.duration, 600);
+  // A sender that joins later picks up the session at LAUNCH and can control it at once.
+  const late = startSender(rx.port);
+  t.after(() => late.stop());
+  assert.strictEqual((await late.send({ cmd: 'LAUNCH' })).state, 'PLAYING');
+  assert.strictEqual((await late.send({ cmd: 'PAUSE' })).state, 'PAUSED');
+  await waitUntil(async () => (await watcher.send(bad)).state === 'PAUSED', 'the pause');
   await tx.send({ cmd: 'STOP' });
   seen = await waitUntil(async () => {
     const s = await watcher.send(bad);
