@@ -119,7 +119,7 @@ test('bad lines and commands out of order get one positive error reply each', as
 });
 
 test('a silent receiver times out each request, then counts as lost', async (t) => {
-  const { rx, tx } = await launched([], { CAST_SENDER_TIMEOUT_MS: '400', CAST_SENDER_HEARTBEAT_MS: '300' });
+  const { rx, tx } = await launched([], { CAST_SENDER_TIMEOUT_MS: '400', CAST_SENDER_HEARTBEAT_MS: '800' });
   t.after(() => Promise.all([tx.stop(), rx.stop()]));
   rx.setSwitches({ silent: true });
   const r = await tx.send({ cmd: 'STATUS' });
