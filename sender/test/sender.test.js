@@ -95,6 +95,12 @@ test('bad lines and commands out of order get one positive error reply each', as
   assert.strictEqual((await tx.send({ cmd: 'LOAD', url: 'http://x/a.mp3' })).status, 4);
   assert.strictEqual((await tx.send({ cmd: 'CLOSE' })).status, 0);
   assert.strictEqual(rx.received().length, 0, 'nothing was sent to the receiver before LAUNCH');
+  rx.setSwitches({ refuseLaunch: true });
+  const refused = await tx.send({ cmd: 'LAUNCH' });
+  assert.strictEqual(refused.status, 3, refused.line);
+  assert.match(refused.error, /LAUNCH_ERROR/);
+  assert.strictEqual((await tx.send({ cmd: 'STATUS' })).status, 4, 'a refused launch launched nothing');
+  rx.setSwitches({});
 
   for (const line of ['{"cmd":"PLAY"', '', 'PLAY', '[]', '{"command":"PLAY"}', '{"cmd":"REWIND"}', '{"cmd":"<&>"}']) {
     const r = await tx.send(line);

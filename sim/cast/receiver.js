@@ -166,7 +166,9 @@ class Receiver {
       case 'GET_STATUS':
         return this.answer(conn, m, this.receiverStatus(), false);
       case 'LAUNCH':
-        if (d.appId !== MEDIA_APP) return this.answer(conn, m, { type: 'LAUNCH_ERROR', reason: 'NOT_FOUND' }, false);
+        if (d.appId !== MEDIA_APP || this.switches().refuseLaunch) {
+          return this.answer(conn, m, { type: 'LAUNCH_ERROR', reason: 'NOT_FOUND' }, false);
+        }
         if (!this.app) {
           const sessionId = crypto.randomUUID();
           this.app = {
