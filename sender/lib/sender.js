@@ -62,7 +62,8 @@ class Sender {
     this.launched = false; // a LAUNCH has succeeded on this sender
     this.transportId = null; // the running application's transport, null when none
     this.appSessionId = null;
-    this.media = { sessionId: null, state: 'IDLE', position: 0, at: 0, rate: 1, duration: 0, idleReason: '' };
+    this.media = { sessionId: null, endedId: null, state: 'IDLE', position: 0, at: 0, rate: 1, duration: 0,
+      idleReason: '' };
     this.volume = { level: 0, muted: false };
   }
 
@@ -99,10 +100,15 @@ class Sender {
 
   _sessionEnded(reason) {
     const m = this.media;
+    if (m.sessionId === null) {
+      if (reason) m.idleReason = reason;
+      m.state = 'IDLE';
+      return;
+    }
     m.position = this._position();
     m.at = Date.now();
-    if (m.sessionId !== null && m.state !== 'IDLE') m.idleReason = reason;
-    else if (reason) m.idleReason = reason;
+    m.idleReason = reason;
+    m.endedId = m.sessionId;
     m.sessionId = null;
     m.state = 'IDLE';
   }
@@ -115,6 +121,7 @@ class Sender {
       return;
     }
     const m = this.media;
+    if (s.mediaSessionId === m.endedId) return; // a late word about a session already over
     if (s.mediaSessionId !== m.sessionId) {
       m.duration = 0;
       m.idleReason = '';
