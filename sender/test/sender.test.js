@@ -146,6 +146,11 @@ test('a receiver that goes away or sends broken frames gives status -1', async (
   t.after(() => refused.stop());
   const r = await refused.send({ cmd: 'LAUNCH' });
   assert.strictEqual(r.status, -1, r.line);
+  const closing = await startReceiver();
+  closing.setSwitches({ refuseConnections: true });
+  const hungUp = startSender(closing.port);
+  t.after(() => Promise.all([hungUp.stop(), closing.stop()]));
+  assert.strictEqual((await hungUp.send({ cmd: 'LAUNCH' })).status, -1);
 
   for (const breakIt of [
     (rx) => rx.proc.kill('SIGKILL'),
