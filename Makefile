@@ -5,7 +5,7 @@ BUILD ?= build
 RUN_ROOT ?= $(CURDIR)/.run-root
 CTEST_FLAGS ?= --output-on-failure -j$(JOBS)
 
-.PHONY: all deps build build-run run test test-unit test-asan test-tsan test-sim bench clean
+.PHONY: all deps build build-run run test test-unit test-asan test-tsan test-sim test-node bench clean
 
 all: build
 
@@ -38,13 +38,17 @@ run: build-run
 
 # Everything CI checks: the simulated appliance's own tests, then the unit and integration
 # tests in a normal build and under AddressSanitizer+UBSan and ThreadSanitizer.
-test: build test-sim
+test: build test-sim test-node
 	ctest --test-dir $(BUILD) $(CTEST_FLAGS)
 	@$(MAKE) --no-print-directory test-asan
 	@$(MAKE) --no-print-directory test-tsan
 
 test-sim: deps
 	@cd sim && python3 -m unittest -q test_sim
+
+# The cast sender against the simulated cast receiver (Node's test runner).
+test-node: deps
+	node --test sender/test/
 
 test-asan: deps
 	$(call configure,build-asan,-DCMAKE_BUILD_TYPE=Debug -DVELMORA_SANITIZE=address)

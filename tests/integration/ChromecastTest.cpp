@@ -21,7 +21,7 @@ std::vector<pid_t> senders(const std::string& root) {
     std::vector<pid_t> out;
     std::error_code ec;
     for (const auto& e : std::filesystem::directory_iterator(root + "/var/sim/cast", ec))
-        out.push_back(static_cast<pid_t>(std::stol(e.path().stem().string())));
+        if (e.path().extension() == ".log") out.push_back(static_cast<pid_t>(std::stol(e.path().stem().string())));
     return out;
 }
 
@@ -35,7 +35,7 @@ bool allGone(const std::vector<pid_t>& pids) {
 
 TEST(ChromecastTest, AQueuePlaysThroughAndNoSenderOutlivesTheDaemon) {
     SimRoot root;
-    ASSERT_TRUE(testsupport::writeFile(root.path() + "/var/sim/cast.json", R"({"duration": 1})"));
+    ASSERT_TRUE(testsupport::writeFile(root.path() + "/var/sim/cast-sender.json", R"({"duration": 1})"));
     Daemon daemon(root.path());
     ASSERT_TRUE(daemon.waitReady()) << daemon.log();
 
@@ -71,7 +71,7 @@ TEST(ChromecastTest, AQueuePlaysThroughAndNoSenderOutlivesTheDaemon) {
     EXPECT_TRUE(testsupport::eventually([&] { return allGone(senders(root.path())); }, 10s, 20ms));
 
     // Playing when the daemon stops: its sender goes with it.
-    ASSERT_TRUE(testsupport::writeFile(root.path() + "/var/sim/cast.json", R"({"duration": 60})"));
+    ASSERT_TRUE(testsupport::writeFile(root.path() + "/var/sim/cast-sender.json", R"({"duration": 60})"));
     ASSERT_EQ(daemon.request("Play", {{"dev", kLivingRoom}}).code, 0);
     ASSERT_TRUE(testsupport::eventually([&] { return senders(root.path()).size() == 2; }, 20s, 20ms));
     ASSERT_TRUE(testsupport::eventually([&] { return status("playerState") == "PLAY"; }, 20s, 50ms));

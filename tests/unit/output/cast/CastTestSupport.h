@@ -16,7 +16,7 @@ protected:
         std::remove(switchesPath().c_str());
         ThreadCheckedTest::TearDown();
     }
-    std::string switchesPath() const { return m_root + "/var/sim/cast.json"; }
+    std::string switchesPath() const { return m_root + "/var/sim/cast-sender.json"; }
     void setSwitches(const std::string& json) { ASSERT_TRUE(writeFile(switchesPath(), json)); }
     // Everything the sender of pid read, byte for byte.
     std::string received(pid_t pid) const {
