@@ -668,6 +668,16 @@ void CPlayer::getExternalSubtitle(std::string& out) const {
     out = m_externalSubtitle;
 }
 
+void CPlayer::setIP(const std::string& ip) {
+    std::lock_guard lock(m_liveMutex);
+    m_ip = ip;
+}
+
+std::string CPlayer::getIP() const {
+    std::lock_guard lock(m_liveMutex);
+    return m_ip;
+}
+
 void CPlayer::resetExternalSubtitle() {
     std::lock_guard lock(m_liveMutex);
     m_externalSubtitle.clear();

@@ -71,9 +71,11 @@ public:
     // The player's lock (normal mutex). Only the manager takes it: tried around every forwarded
     // call, waited for around playlist-wide edits and its housekeeping pass.
     pthread_mutex_t& getLock() { return m_lock; }
-    void setIP(const std::string& ip) { m_ip = ip; }
-    void setIP(const char* ip) { m_ip = ip ? ip : ""; }
-    const std::string& getIP() const { return m_ip; }
+    // The device's address: the manager sets it (a revived player gets the listing's new one)
+    // while the back-end's thread reads it.
+    void setIP(const std::string& ip);
+    void setIP(const char* ip) { setIP(std::string(ip ? ip : "")); }
+    std::string getIP() const;
 
     // Playlist and queue. The reference accessors are for the manager, holding the player's lock:
     // only it rewrites these fields (and always under that lock), so what it reads stays put.
@@ -228,7 +230,7 @@ private:
     std::atomic<int> m_slideShowDelay{5};
     std::string m_renderID;
     std::string m_deviceName;
-    std::string m_ip;
+    std::string m_ip;  // guarded by m_liveMutex
     int32_t m_tid = 0;
 
     // Guards the playlist and the queue below: the manager rewrites them while a back-end's
