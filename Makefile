@@ -28,7 +28,7 @@ build-run: deps
 
 # The daemon in the foreground on a freshly made simulated appliance.
 run: build-run
-	@sim/make-root --force --receivers $(RUN_ROOT) >/dev/null
+	@sim/make-root --force --receivers --cast-receiver $(RUN_ROOT) >/dev/null
 	@echo "Velmora is starting on the simulated appliance $(RUN_ROOT)"
 	@echo "In a second terminal:"
 	@echo "  $(BUILD)/velmoractl --root $(RUN_ROOT) echo"

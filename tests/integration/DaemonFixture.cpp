@@ -15,14 +15,16 @@ namespace itest {
 
 using std::chrono::milliseconds;
 
-SimRoot::SimRoot() {
+SimRoot::SimRoot(const std::vector<std::string>& options) {
     char tmpl[] = "/tmp/vtest-XXXXXX";
     if (!::mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
     m_path = tmpl;
     ProcessOptions opts;
     opts.timeoutMs = 30000;
     opts.capture = ProcessOptions::Capture::Both;
-    ProcessResult r = runProcess({VELMORA_SOURCE_DIR "/sim/make-root", m_path}, opts);
+    std::vector<std::string> argv{VELMORA_SOURCE_DIR "/sim/make-root", m_path};
+    argv.insert(argv.end(), options.begin(), options.end());
+    ProcessResult r = runProcess(argv, opts);
     if (!r.ok()) throw std::runtime_error("sim/make-root failed: " + r.output);
 }
 

@@ -5,6 +5,7 @@
 #include <sys/un.h>
 
 #include <string>
+#include <vector>
 
 #include "client/VelmoraClient.h"
 #include "util/Process.h"
@@ -14,7 +15,8 @@ namespace itest {
 // A fresh simulated appliance in a temporary directory, removed at the end.
 class SimRoot {
 public:
-    SimRoot();
+    // options: make-root's own (--cast-receiver ...).
+    explicit SimRoot(const std::vector<std::string>& options = {});
     ~SimRoot();
     const std::string& path() const { return m_path; }
     std::string socketPath() const { return vclient::socketPathForRoot(m_path); }
