@@ -17,6 +17,7 @@ constexpr int kUnansweredPasses = 10;   // failed status requests in a row befor
 constexpr int kNeverStartedPasses = 10; // passes after a load without playing: refused
 constexpr int kOutsideStopMargin = 15;  // seconds before the end an idle receiver counts as stopped
 constexpr const char* kClientType = "chromecast";
+constexpr long kNotLaunched = 4;        // the sender's answer when no media application runs
 
 std::atomic<int> g_tickMs{1000};
 
@@ -174,7 +175,14 @@ bool CChromecast::load(float at) {
 
     LOG_TRACE("%s: load %s", getDeviceName().c_str(), url.c_str());
     Response r;
-    const int rc = service().setContentUrl(r, url, meta.title, meta.albumArtUrl, subtitle);
+    int rc = service().setContentUrl(r, url, meta.title, meta.albumArtUrl, subtitle);
+    if (rc == 0 && r.m_response == kNotLaunched) {
+        // Another sender closed the media application on the receiver: a new sender launches it.
+        LOG_WARN("%s: the receiver's application has gone; launching it again", getDeviceName().c_str());
+        m_service.closeSender();
+        r = Response();
+        rc = service().setContentUrl(r, url, meta.title, meta.albumArtUrl, subtitle);
+    }
     if (rc != 0 || r.m_response != 0) {
         LOG_WARN("%s: the receiver did not take %s (%d, %ld: %s)", getDeviceName().c_str(), url.c_str(), rc,
                  r.m_response, r.m_errMsg.c_str());

@@ -70,6 +70,19 @@ TEST_F(CastPlayerTest, AQueuePlaysThroughWithTitlesAndStopsInNormalMode) {
     EXPECT_TRUE(waitFor([&] { return gone(pid); })) << "a full stop ends the sender";
 }
 
+TEST_F(CastPlayerTest, AnApplicationClosedByAnotherSenderIsLaunchedAgainForTheNextTrack) {
+    setSwitches(R"({"duration": 1})");
+    makePlaylist("two", {"01 Morning.mp3", "02 Rain & Thunder.mp3"});
+    auto p = player("two");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Morning\"") == 1; }));
+    setSwitches(R"({"duration": 1, "outside": "close"})");
+    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Rain & Thunder\"") == 2; }))
+        << "refused by the old sender, taken by a new one";
+    EXPECT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
+    EXPECT_EQ(callLog.count("node"), 2);
+}
+
 TEST_F(CastPlayerTest, RepeatWrapsRound) {
     setSwitches(R"({"duration": 1})");
     makePlaylist("two", {"01 Morning.mp3", "02 Rain & Thunder.mp3"});
