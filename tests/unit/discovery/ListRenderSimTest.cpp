@@ -240,7 +240,7 @@ TEST(RenderCacheRefresh, TypeAndCapabilityBits) {
 
     renderCacheInfo_s r;
     for (auto [id, type, port] : {std::tuple("uuid:den", kDlna | kCapVideo | kCapPhoto, 0),
-                                  std::tuple("spdif", kAlsa | kCapAudio, 0), std::tuple("kk", kChromecast | kCapAudio, 7000),
+                                  std::tuple("spdif", kAlsa | kCapAudio, 0), std::tuple("kk", kChromecast | kCapAudio, 8009),
                                   std::tuple("0011", kAirplay | kCapVideo | kCapPhoto, 7100),
                                   std::tuple("amp", kRaop | kCapAudio, 5000)}) {
         ASSERT_TRUE(cached(id, r)) << id;
