@@ -25,6 +25,7 @@ protected:
     }
     void TearDown() override {
         CChromecast::setTick(1000ms);
+        ChromecastService::setReplyTimeout(35s);
         CastSenderTest::TearDown();
     }
     void makePlaylist(const char* title, const std::vector<std::string>& files) {
@@ -123,6 +124,33 @@ TEST_F(CastPlayerTest, ControlsReachTheSenderWithoutWaitingForIt) {
     ASSERT_EQ(p->stop(true), 0);
     EXPECT_TRUE(receivedLine(pid, "{ \"cmd\":\"STOP\" }\r\n{ \"cmd\":\"CLOSE\" }\r\n"));
     EXPECT_TRUE(gone(pid));
+}
+
+TEST_F(CastPlayerTest, ASilentSenderHoldsUpNoCommandThread) {
+    setSwitches(R"({"duration": 60})");
+    makePlaylist("one", {"01 Morning.mp3"});
+    auto p = player("one");
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecondWithOutSeek() >= 1; }));
+    ChromecastService::setReplyTimeout(8s);
+    const pid_t pid = p->senderPid();
+    const size_t before = received(pid).size();
+    setSwitches(R"({"duration": 60, "silent": true})");
+    // A status request goes unanswered: the worker waits out the reply time-out ...
+    ASSERT_TRUE(waitFor([&] { return received(pid).find("STATUS", before) != std::string::npos; }));
+    // ... while the controls are taken without it.
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(p->setVolume(20), 0);
+    EXPECT_EQ(p->seek("00:00:10"), 0);
+    EXPECT_EQ(p->setMute(true), 0);
+    EXPECT_EQ(p->getVolume(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 4s);
+    setSwitches(R"({"duration": 60})");
+    // Then the silent sender is replaced, and the new one gets what was asked meanwhile.
+    ASSERT_TRUE(waitFor([&] { return p->senderPid() > 0 && p->senderPid() != pid; }));
+    EXPECT_TRUE(gone(pid));
+    const pid_t next = p->senderPid();
+    EXPECT_TRUE(waitFor([&] { return receivedLine(next, "{ \"cmd\":\"SET_MUTE\", \"mute\":\"true\" }\r\n"); }));
 }
 
 TEST_F(CastPlayerTest, TheReceiversOwnRemoteIsFollowed) {
