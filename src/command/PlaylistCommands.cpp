@@ -15,9 +15,11 @@
 #include <string>
 #include <vector>
 
+#include "command/RequestClient.h"
 #include "protocol/RequestParams.h"
 #include "util/ResultCodes.h"
 #include "util/AppRoot.h"
+#include "util/ClientRights.h"
 #include "util/Log.h"
 #include "util/PathUtil.h"
 #include "util/Process.h"
@@ -302,15 +304,25 @@ int reorder_content(CPlayerManager& playerManager, XMLNode& request, XMLNode& an
 
 namespace {
 
-// A batch file: the document's top element, or an empty handle with the failing code.
+// A batch file: the document's top element, or an empty handle with the failing code. It is
+// read with the requesting client's rights: a file the client could not read itself answers as a
+// missing one, so nothing is learnt about it.
 XMLNode readBatchFile(const char* path, int& rc) {
-    struct stat st;
-    if (::lstat(path, &st) != 0) {
+    const int fd = openForReadingAs(requestclient::current(), path);
+    if (fd < 0) {
         LOG_ERR("Can't open %s", path);
         rc = result::kFileUnreadable;
         return XMLNode();
     }
-    XMLNode doc = XMLNode::parseFile(path, nullptr);
+    std::string content;
+    char chunk[16384];
+    ssize_t got;
+    while ((got = ::read(fd, chunk, sizeof chunk)) != 0) {
+        if (got > 0) content.append(chunk, static_cast<size_t>(got));
+        else if (errno != EINTR) break;
+    }
+    ::close(fd);
+    XMLNode doc = got == 0 ? XMLNode::parseString(content) : XMLNode();
     for (int i = 0; i < doc.nChildNode(); ++i) {
         XMLNode top = doc.getChildNode(i);
         if (!top.isDeclaration()) return top;
@@ -320,8 +332,11 @@ XMLNode readBatchFile(const char* path, int& rc) {
     return XMLNode();
 }
 
+// Removed with the client's rights too: read access alone must not let a client have the
+// daemon delete a file.
 void removeBatchFile(const char* path) {
-    if (::unlink(path) != 0) LOG_ERR("remove %s failed", path);
+    if (runWithRightsOf(requestclient::current(), [path] { return ::unlink(path); }) != 0)
+        LOG_ERR("remove %s failed", path);
 }
 
 }  // namespace
@@ -498,6 +513,8 @@ int duplicate_playlist(CPlayerManager& playerManager, XMLNode& request, XMLNode&
     answerOk(answer);
 
     std::lock_guard lock(g_dupMutex);
+    // The list file is the daemon's own, read and removed with its own rights.
+    requestclient::Scope daemonItself(nullptr);
     std::string path = approot::path(kDupFile);
     if (!writeDupFile(path, dupListText(entries, dest, destAppType))) return result::kOk;
 

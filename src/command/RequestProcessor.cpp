@@ -11,6 +11,7 @@
 
 #include "ipc/CUnixSocketIpc.h"
 #include "command/CommandTable.h"
+#include "command/RequestClient.h"
 #include "ipc/Framing.h"
 #include "ipc/RequestIO.h"
 #include "util/ResultCodes.h"
@@ -82,6 +83,7 @@ void serveConnection(const processArg_s& arg) noexcept {
                 LOG_ERR("COMMAND '%s' not found", command);
                 rc = result::kUnknownCommand;
             } else {
+                requestclient::Scope client(&arg.peer);
                 rc = runHandler(handler, command, *arg.playerManager, request, answer);
             }
         }

@@ -1,6 +1,8 @@
 // Serving one connection: read one request, dispatch it, answer, wait for the acknowledgement.
 #pragma once
 
+#include "util/ClientRights.h"
+
 class CUnixSocketIpc;
 class CPlayerManager;
 
@@ -8,6 +10,7 @@ struct processArg_s {
     int fd;
     CUnixSocketIpc* ipc;
     CPlayerManager* playerManager;
+    clientCredentials_s peer;  // who connected: handlers act on its behalf with its rights
 };
 typedef processArg_s processArg_t;
 

@@ -19,6 +19,7 @@
 #include "ipc/CUnixSocketIpc.h"
 #include "ipc/ConnectionPool.h"
 #include "ipc/Framing.h"
+#include "ipc/PeerCredentials.h"
 #include "command/RequestProcessor.h"
 #include "util/AppRoot.h"
 #include "util/DebugLog.h"
@@ -181,7 +182,7 @@ int runDaemon() {
                 ipc.getSockFd(), [&] { return ipc.Accept(); },
                 [&](int fd) {
                     prepareConnection(fd);
-                    processArg_s arg{fd, &ipc, &playerManager};
+                    processArg_s arg{fd, &ipc, &playerManager, readPeerCredentials(fd)};
                     serveConnection(arg);
                 },
                 onAcceptError, kMaxConnections, kIdleThreadTimeout);
