@@ -6,15 +6,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "command/LargeAnswers.h"
 #include "command/RequestClient.h"
 #include "protocol/RequestParams.h"
 #include "util/ResultCodes.h"
@@ -31,6 +34,8 @@
 namespace {
 
 constexpr const char* kDupFile = "/tmp/.dupPlaylist.list";
+// About what one listed playlist entry takes in an answer.
+constexpr size_t kItemBytes = 256;
 // The agent's answer about one file: a few fields.
 constexpr size_t kObjectAnswerCap = 8192;
 
@@ -189,22 +194,30 @@ int list_content_of_playlist(CPlayerManager&, XMLNode& request, XMLNode& answer)
         LOG_ERR("g_playlistDB.getPlaylistID() ... fial");
         return result::kNoPlaylistID;
     }
-    std::vector<playlistElm_s> page;
-    if (playlistStore().getPlaylistElmsByPage(page, id, start, count) != 0) {
+    const int size = playlistStore().getSizeOfPlaylist(id);
+    const int rows = count > 0 ? std::min(count, size) : size;
+    largeanswer::expect(static_cast<size_t>(std::max(rows, 0)) * kItemBytes);
+    auto page = std::make_shared<std::vector<playlistElm_s>>();
+    if (playlistStore().getPlaylistElmsByPage(*page, id, start, count) != 0) {
         LOG_ERR("g_playlistDB.getPlaylistElmsByPage() ... fial");
         return result::kPlaylistReadFailed;
     }
     answerOk(answer);
-    for (const playlistElm_s& elm : page) {
-        XMLNode item = answer.addChild("item");
-        ParamXmlWrapper::add_child_node(item, "playlistID", decimal(elm.PlaylistID).c_str());
-        ParamXmlWrapper::add_child_node(item, "uuid", std::to_string(elm.UUID).c_str());
-        ParamXmlWrapper::add_child_node(item, "mediaType", mediaWordForContent(elm.MediaType));
-        ParamXmlWrapper::add_child_node(item, "contentType", contentWord(elm.ContentType));
-        ParamXmlWrapper::add_child_node(item, "content", elm.Content.c_str());
-        ParamXmlWrapper::add_child_node(item, "upnpID", elm.UPnPObjID.c_str());
-        ParamXmlWrapper::add_child_node(item, "orderNum", decimal(elm.OrderNr).c_str());
-    }
+    // The items go straight into the printed answer, one at a time, rather than into a tree of
+    // their own first: a listing of tens of thousands of entries is held once, as its rows.
+    answer.addContentWriter([page](std::string& out, int depth, bool formatted) {
+        for (const playlistElm_s& elm : *page) {
+            XMLNode item = XMLNode::createXMLTopNode("item");
+            ParamXmlWrapper::add_child_node(item, "playlistID", decimal(elm.PlaylistID).c_str());
+            ParamXmlWrapper::add_child_node(item, "uuid", std::to_string(elm.UUID).c_str());
+            ParamXmlWrapper::add_child_node(item, "mediaType", mediaWordForContent(elm.MediaType));
+            ParamXmlWrapper::add_child_node(item, "contentType", contentWord(elm.ContentType));
+            ParamXmlWrapper::add_child_node(item, "content", elm.Content.c_str());
+            ParamXmlWrapper::add_child_node(item, "upnpID", elm.UPnPObjID.c_str());
+            ParamXmlWrapper::add_child_node(item, "orderNum", decimal(elm.OrderNr).c_str());
+            item.appendTo(out, formatted ? 1 : 0, depth);
+        }
+    });
     return result::kOk;
 }
 

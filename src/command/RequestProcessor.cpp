@@ -8,6 +8,7 @@
 #include <string>
 
 #include "command/CommandTable.h"
+#include "command/LargeAnswers.h"
 #include "command/RequestClient.h"
 #include "ipc/Framing.h"
 #include "util/ResultCodes.h"
@@ -105,10 +106,11 @@ ipc::answer_s answerRequest(CPlayerManager& playerManager, const std::string& re
         if (!quiet) LOG_TRACE("Command:%s  --dev:%s(done)", command, dev);
     } catch (const std::exception& e) {
         LOG_ERR("request failed: %s", e.what());
-        framed = ipc::answer_s();
+        framed.bytes.clear();
     } catch (...) {
         LOG_ERR("request failed with an unknown exception");
-        framed = ipc::answer_s();
+        framed.bytes.clear();
     }
+    framed.hold = largeanswer::holdFor(framed.bytes.size());
     return framed;
 }

@@ -155,7 +155,7 @@ void ConnectionServer::acceptReady(Clock::time_point now) {
         m_count = m_table.size();
         c.peer = readPeerCredentials(fd);
         epoll_event ev{};
-        ev.events = EPOLLIN;
+        ev.events = EPOLLIN | EPOLLONESHOT;
         ev.data.u64 = c.id;
         if (::epoll_ctl(m_epollFd, EPOLL_CTL_ADD, fd, &ev) != 0) {
             LOG_ERR("epoll_ctl() ... fail: %s", std::strerror(errno));
@@ -177,8 +177,20 @@ void ConnectionServer::onEvent(uint64_t id, uint32_t events, Clock::time_point) 
             char ack[framing::kAckSize];
             const ssize_t n = ::recv(c->fd, ack, sizeof ack, 0);
             if (n >= 0 || (errno != EAGAIN && errno != EINTR)) drop(id);
+            else arm(*c, EPOLLIN);
         }
     }
+}
+
+// Every connection is registered one-shot: an event disarms it until it is armed again for
+// what it waits for next, so a connection on a worker needs no change of registration.
+bool ConnectionServer::arm(connection_s& c, uint32_t events) {
+    epoll_event ev{};
+    ev.events = events | EPOLLONESHOT;
+    ev.data.u64 = c.id;
+    if (::epoll_ctl(m_epollFd, EPOLL_CTL_MOD, c.fd, &ev) == 0) return true;
+    drop(c.id);
+    return false;
 }
 
 void ConnectionServer::readRequest(connection_s& c) {
@@ -189,6 +201,7 @@ void ConnectionServer::readRequest(connection_s& c) {
         if (n < 0) {
             if (errno == EINTR) continue;
             if (errno != EAGAIN && errno != EWOULDBLOCK) drop(c.id);
+            else arm(c, EPOLLIN);
             return;
         }
         if (n == 0) {  // the client half-closed: answer what came
@@ -211,29 +224,57 @@ void ConnectionServer::readRequest(connection_s& c) {
 }
 
 void ConnectionServer::dispatch(connection_s& c) {
-    ::epoll_ctl(m_epollFd, EPOLL_CTL_DEL, c.fd, nullptr);
     m_table.startServing(c);
     const uint64_t id = c.id;
-    auto job = [this, id, request = std::move(c.request), peer = c.peer]() mutable {
-        done_s done{id, {}};
+    auto job = [this, id, fd = c.fd, request = std::move(c.request), peer = c.peer]() mutable {
+        done_s done{id, {}, 0};
         try {
             done.answer = m_handler(request, peer);
         } catch (...) {
             LOG_ERR("request handler ended by an exception");
         }
         request = std::string();
-        std::lock_guard lock(m_doneMutex);
-        m_done.push_back(std::move(done));
-        const uint64_t one = 1;
-        (void)!::write(m_wakeFd, &one, sizeof one);
+        // Sent from here as far as the socket takes it: a short answer is out before the event
+        // thread hears of it. The connection stays the worker's until it is handed back.
+        done.sent = sendSome(fd, done.answer.bytes, 0);
+        handBack(std::move(done));
     };
     c.request = std::string();
     if (!m_workers.submit(std::move(job))) drop(id);
 }
 
+size_t ConnectionServer::sendSome(int fd, const std::string& bytes, size_t sent) {
+    while (sent < bytes.size()) {
+        const ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+            sent += static_cast<size_t>(n);
+        } else if (n < 0 && errno == EINTR) {
+            continue;
+        } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            break;
+        } else {
+            return kSendFailed;  // the client went away
+        }
+    }
+    return sent;
+}
+
+void ConnectionServer::handBack(done_s done) {
+    {
+        std::lock_guard lock(m_doneMutex);
+        m_done.push_back(std::move(done));
+    }
+    // One wake-up for however many answers come back before the event thread looks.
+    if (!m_bWakePending.exchange(true)) {
+        const uint64_t one = 1;
+        (void)!::write(m_wakeFd, &one, sizeof one);
+    }
+}
+
 void ConnectionServer::takeAnswers(Clock::time_point now) {
     uint64_t count;
     (void)!::read(m_wakeFd, &count, sizeof count);
+    m_bWakePending = false;  // before the list is taken: a later hand-back wakes us again
     std::vector<done_s> done;
     {
         std::lock_guard lock(m_doneMutex);
@@ -243,42 +284,33 @@ void ConnectionServer::takeAnswers(Clock::time_point now) {
         connection_s* c = m_table.find(d.id);
         if (!c) continue;
         m_table.startAnswering(*c, now);
+        if (d.answer.bytes.empty() || d.sent == kSendFailed) {
+            drop(c->id);
+            continue;
+        }
         c->answer = std::move(d.answer);
-        if (c->answer.bytes.empty()) {
-            drop(c->id);
-            continue;
-        }
-        epoll_event ev{};
-        ev.events = EPOLLOUT;
-        ev.data.u64 = c->id;
-        if (::epoll_ctl(m_epollFd, EPOLL_CTL_ADD, c->fd, &ev) != 0) {
-            drop(c->id);
-            continue;
-        }
-        writeAnswer(*c);
+        c->sent = d.sent;
+        answerSent(*c);
     }
 }
 
 void ConnectionServer::writeAnswer(connection_s& c) {
-    const std::string& bytes = c.answer.bytes;
-    while (c.sent < bytes.size()) {
-        const ssize_t n = ::send(c.fd, bytes.data() + c.sent, bytes.size() - c.sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            if (errno != EAGAIN && errno != EWOULDBLOCK) drop(c.id);  // the client went away
-            return;
-        }
-        c.sent += static_cast<size_t>(n);
+    c.sent = sendSome(c.fd, c.answer.bytes, c.sent);
+    if (c.sent == kSendFailed) drop(c.id);
+    else answerSent(c);
+}
+
+void ConnectionServer::answerSent(connection_s& c) {
+    if (c.sent < c.answer.bytes.size()) {
+        arm(c, EPOLLOUT);
+        return;
     }
     c.answer = answer_s();  // the buffer and its hold go as soon as the answer is out
     if (m_bStopBegun) {
         drop(c.id);  // stopping: the answer is out, the acknowledgement is not waited for
         return;
     }
-    epoll_event ev{};
-    ev.events = EPOLLIN;
-    ev.data.u64 = c.id;
-    if (::epoll_ctl(m_epollFd, EPOLL_CTL_MOD, c.fd, &ev) != 0) drop(c.id);
+    arm(c, EPOLLIN);
 }
 
 void ConnectionServer::drop(uint64_t id) {

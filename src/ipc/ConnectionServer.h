@@ -56,15 +56,23 @@ private:
     struct done_s {
         uint64_t id;
         answer_s answer;
+        size_t sent;  // bytes of it already out, or kSendFailed
     };
+    static constexpr size_t kSendFailed = ~size_t{0};
 
     void loop();
     void acceptReady(Clock::time_point now);
     void onEvent(uint64_t id, uint32_t events, Clock::time_point now);
     void readRequest(connection_s& c);
+    bool arm(connection_s& c, uint32_t events);
     void dispatch(connection_s& c);
+    // Sends what the socket takes of bytes from `sent` on, without waiting; the new count, or
+    // kSendFailed.
+    static size_t sendSome(int fd, const std::string& bytes, size_t sent);
+    void handBack(done_s done);
     void takeAnswers(Clock::time_point now);
     void writeAnswer(connection_s& c);
+    void answerSent(connection_s& c);
     void drop(uint64_t id);
     void dropExpired(Clock::time_point now);
     void beginStop();
@@ -81,6 +89,7 @@ private:
     std::thread m_thread;
     WorkerPool m_workers;
     std::atomic<bool> m_bStopping{false};
+    std::atomic<bool> m_bWakePending{false};  // the wake descriptor is written, not yet read
     std::atomic<size_t> m_count{0};
 
     // Only the event thread touches these.

@@ -15,17 +15,20 @@ WorkerPool::WorkerPool(size_t maxThreads, std::string name)
 WorkerPool::~WorkerPool() { finish(); }
 
 bool WorkerPool::submit(std::function<void()> job) {
-    std::lock_guard lock(m_mutex);
-    if (m_bFinishing) return false;
-    if (m_idle <= m_jobs.size() && m_threads.size() < m_maxThreads) {
-        try {
-            m_threads.emplace_back(&WorkerPool::run, this);
-        } catch (const std::system_error& e) {
-            LOG_ERR("cannot start a %s thread: %s", m_name.c_str(), e.what());
-            if (m_threads.empty()) return false;  // nobody would ever run it
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_bFinishing) return false;
+        if (m_idle <= m_jobs.size() && m_threads.size() < m_maxThreads) {
+            try {
+                m_threads.emplace_back(&WorkerPool::run, this);
+            } catch (const std::system_error& e) {
+                LOG_ERR("cannot start a %s thread: %s", m_name.c_str(), e.what());
+                if (m_threads.empty()) return false;  // nobody would ever run it
+            }
         }
+        m_jobs.push_back(std::move(job));
     }
-    m_jobs.push_back(std::move(job));
+    // Outside the lock, so the woken thread does not at once wait for it.
     m_wake.notify_one();
     return true;
 }
