@@ -2,12 +2,12 @@
 
 namespace requestclient {
 namespace {
-thread_local const clientCredentials_s* t_current = nullptr;
+thread_local const ipc::Peer* t_current = nullptr;
 }
 
-const clientCredentials_s* current() { return t_current; }
+const clientCredentials_s* current() { return t_current ? &t_current->credentials() : nullptr; }
 
-Scope::Scope(const clientCredentials_s* who) : m_previous(t_current) { t_current = who; }
+Scope::Scope(const ipc::Peer* who) : m_previous(t_current) { t_current = who; }
 
 Scope::~Scope() { t_current = m_previous; }
 

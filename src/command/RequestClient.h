@@ -2,6 +2,7 @@
 // read with its rights). Set for the length of one request on the thread that serves it.
 #pragma once
 
+#include "ipc/PeerCredentials.h"
 #include "util/ClientRights.h"
 
 namespace requestclient {
@@ -13,13 +14,13 @@ const clientCredentials_s* current();
 // the daemon's own temporary files while serving a client).
 class Scope {
 public:
-    explicit Scope(const clientCredentials_s* who);
+    explicit Scope(const ipc::Peer* who);
     ~Scope();
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
 
 private:
-    const clientCredentials_s* m_previous;
+    const ipc::Peer* m_previous;
 };
 
 }  // namespace requestclient

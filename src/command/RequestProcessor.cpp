@@ -47,7 +47,7 @@ void setStatus(XMLNode& answer, int code) {
 }  // namespace
 
 ipc::answer_s answerRequest(CPlayerManager& playerManager, const std::string& requestText,
-                            const clientCredentials_s& peer) noexcept {
+                            const ipc::Peer& peer) noexcept {
     ipc::answer_s framed;
     try {
         XMLNode answer;

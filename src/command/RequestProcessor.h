@@ -5,10 +5,10 @@
 #include <string>
 
 #include "ipc/ConnectionTable.h"
-#include "util/ClientRights.h"
+#include "ipc/PeerCredentials.h"
 
 class CPlayerManager;
 
 // The framed answer to requestText from the client `peer`. Never throws.
 ipc::answer_s answerRequest(CPlayerManager& playerManager, const std::string& requestText,
-                            const clientCredentials_s& peer) noexcept;
+                            const ipc::Peer& peer) noexcept;

@@ -192,7 +192,7 @@ int runDaemon() {
             options.requestTimeout = options.answerTimeout = std::chrono::seconds(framing::kIoTimeoutSec);
             ipc::ConnectionServer server(
                 ipc.getSockFd(),
-                [&](std::string& request, const clientCredentials_s& peer) {
+                [&](std::string& request, const ipc::Peer& peer) {
                     return answerRequest(playerManager, request, peer);
                 },
                 onAcceptError, options);

@@ -153,14 +153,11 @@ void ConnectionServer::acceptReady(Clock::time_point now) {
         }
         connection_s& c = m_table.add(fd, now);
         m_count = m_table.size();
-        c.peer = readPeerCredentials(fd);
-        epoll_event ev{};
-        ev.events = EPOLLIN | EPOLLONESHOT;
-        ev.data.u64 = c.id;
-        if (::epoll_ctl(m_epollFd, EPOLL_CTL_ADD, fd, &ev) != 0) {
-            LOG_ERR("epoll_ctl() ... fail: %s", std::strerror(errno));
-            drop(c.id);
-        }
+        // A client usually writes its request right after connecting: it is often here already.
+        readRequest(c);
+        // One connection per readiness report: the listener, level-triggered, is reported again
+        // while more wait, and no accept is spent on learning that none does.
+        return;
     }
 }
 
@@ -182,13 +179,18 @@ void ConnectionServer::onEvent(uint64_t id, uint32_t events, Clock::time_point) 
     }
 }
 
-// Every connection is registered one-shot: an event disarms it until it is armed again for
-// what it waits for next, so a connection on a worker needs no change of registration.
+// A connection is registered when it first has to wait, one-shot: an event disarms it until it
+// is armed again for what it waits for next, so a connection on a worker needs no change of
+// registration.
 bool ConnectionServer::arm(connection_s& c, uint32_t events) {
     epoll_event ev{};
     ev.events = events | EPOLLONESHOT;
     ev.data.u64 = c.id;
-    if (::epoll_ctl(m_epollFd, EPOLL_CTL_MOD, c.fd, &ev) == 0) return true;
+    if (::epoll_ctl(m_epollFd, c.bRegistered ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, c.fd, &ev) == 0) {
+        c.bRegistered = true;
+        return true;
+    }
+    LOG_ERR("epoll_ctl() ... fail: %s", std::strerror(errno));
     drop(c.id);
     return false;
 }
@@ -226,10 +228,10 @@ void ConnectionServer::readRequest(connection_s& c) {
 void ConnectionServer::dispatch(connection_s& c) {
     m_table.startServing(c);
     const uint64_t id = c.id;
-    auto job = [this, id, fd = c.fd, request = std::move(c.request), peer = c.peer]() mutable {
+    auto job = [this, id, fd = c.fd, request = std::move(c.request)]() mutable {
         done_s done{id, {}, 0};
         try {
-            done.answer = m_handler(request, peer);
+            done.answer = m_handler(request, Peer(fd));
         } catch (...) {
             LOG_ERR("request handler ended by an exception");
         }

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "ipc/ConnectionTable.h"
+#include "ipc/PeerCredentials.h"
 #include "ipc/WorkerPool.h"
 
 namespace ipc {
@@ -33,7 +34,7 @@ class ConnectionServer {
 public:
     // Runs on a worker: the answer to one request (empty bytes: close without answering). Must
     // not throw.
-    using Handler = std::function<answer_s(std::string& request, const clientCredentials_s& peer)>;
+    using Handler = std::function<answer_s(std::string& request, const Peer& peer)>;
     // Told about accept failures (errno values), for the logs.
     using ErrorFn = std::function<void(int err)>;
 

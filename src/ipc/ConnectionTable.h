@@ -15,8 +15,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include "util/ClientRights.h"
-
 namespace ipc {
 
 using Clock = std::chrono::steady_clock;
@@ -38,7 +36,7 @@ struct connection_s {
     std::string request;  // Reading: the bytes so far
     answer_s answer;      // Answering: cleared once sent
     size_t sent = 0;
-    clientCredentials_s peer;
+    bool bRegistered = false;  // with the event loop's epoll set
 
     std::list<connection_s*>::iterator waitPos;  // in its phase's waiting line (not while Serving)
 };

@@ -7,6 +7,7 @@
 
 #include "util/Log.h"
 
+namespace ipc {
 namespace {
 constexpr uid_t kNobody = 65534;
 }
@@ -38,3 +39,5 @@ clientCredentials_s readPeerCredentials(int fd) {
     who.groups.clear();  // the primary group alone: fewer rights, never more
     return who;
 }
+
+}  // namespace ipc

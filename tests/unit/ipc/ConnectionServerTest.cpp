@@ -63,8 +63,8 @@ protected:
     void start(ipc::serverOptions_s options) {
         server = std::make_unique<ipc::ConnectionServer>(
             listenFd,
-            [this](std::string& request, const clientCredentials_s& peer) {
-                peerUid = peer.uid;
+            [this](std::string& request, const ipc::Peer& peer) {
+                peerUid = peer.credentials().uid;
                 if (gate) gate->pass();
                 ipc::answer_s answer;
                 answer.bytes.assign(framing::kHeaderSize, '\0');
