@@ -1,6 +1,7 @@
 #include "daemon/Daemon.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/file.h>
 
 #include <sys/signalfd.h>
@@ -143,7 +144,21 @@ void errortMessage_(const char* operation) {
     LOG_ERR("%s..... %d", operation, err);
 }
 
+namespace {
+
+// Large blocks (answer texts, a listing's rows) are mapped on their own and unmapped when freed,
+// rather than carved from the heaps, where the pieces left between smaller blocks would keep
+// the daemon at its peak. A fixed threshold also stops the allocator from raising it after the
+// first large block, which would send every later one to the heaps.
+void keepLargeBlocksOutOfTheHeaps() {
+    ::mallopt(M_MMAP_THRESHOLD, 256 * 1024);
+    ::mallopt(M_ARENA_MAX, 4);
+}
+
+}  // namespace
+
 int runDaemon() {
+    keepLargeBlocksOutOfTheHeaps();
     // One daemon per root: an exclusive lock on a file beside the socket, held for the
     // process's life, taken before the socket is touched (a copy of the binary under another
     // name is refused as well).

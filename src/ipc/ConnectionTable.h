@@ -22,8 +22,14 @@ using Clock = std::chrono::steady_clock;
 // An answer as it goes out: the 256-byte length block, then the text.
 struct answer_s {
     std::string bytes;
-    // Released once the answer is sent or given up (e.g. a permit for large answers).
+    // Released once the answer is sent or given up (e.g. a permit for large answers, whose
+    // release hands memory back: the text must be gone by then, hence the destructor).
     std::shared_ptr<void> hold;
+
+    answer_s() = default;
+    answer_s(answer_s&&) = default;
+    answer_s& operator=(answer_s&&) = default;  // members in order: the old text goes first
+    ~answer_s() { std::string().swap(bytes); }
 };
 
 struct connection_s {
