@@ -1,11 +1,15 @@
 // bench_minimal_server: the smallest server that speaks the daemon's framing,
-// as the baseline for velmora_load. A detached thread per connection reads the
-// request once, answers a fixed document behind the 256-byte length block,
-// reads the acknowledgement once and closes.
+// as the baseline for velmora_load. Each connection's request is read once and
+// answered with a fixed document behind the 256-byte length block; the
+// acknowledgement is read once and the connection closed. Two forms: a detached
+// thread per connection, or (--epoll) one thread with epoll, the daemon's own
+// shape.
 //
-//   bench_minimal_server SOCKETPATH      (SIGTERM/SIGINT: remove the socket, exit 0)
+//   bench_minimal_server [--epoll] SOCKETPATH   (SIGTERM/SIGINT: remove the socket, exit 0)
 
 #include <signal.h>
+#include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -13,9 +17,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <string_view>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -53,18 +59,62 @@ void serve(int fd) {
     ::close(fd);
 }
 
+// One thread for every connection: a request is read once and answered at once (the answer
+// fits the socket buffer), the acknowledgement read once, then the connection is closed.
+[[noreturn]] void serveWithEpoll(int listener) {
+    const int ep = ::epoll_create1(EPOLL_CLOEXEC);
+    ::fcntl(listener, F_SETFL, ::fcntl(listener, F_GETFL) | O_NONBLOCK);
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.fd = listener;
+    ::epoll_ctl(ep, EPOLL_CTL_ADD, listener, &ev);
+    std::vector<bool> answered;
+    epoll_event events[256];
+    char header[256] = {};
+    std::snprintf(header, sizeof header, "%zu", kAnswer.size());
+    std::string framed(header, sizeof header);
+    framed += kAnswer;
+    for (;;) {
+        const int n = ::epoll_wait(ep, events, 256, -1);
+        for (int i = 0; i < n; ++i) {
+            const int fd = events[i].data.fd;
+            if (fd == listener) {
+                int c;
+                while ((c = ::accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0) {
+                    if (answered.size() <= static_cast<size_t>(c)) answered.resize(static_cast<size_t>(c) + 1);
+                    answered[c] = false;
+                    ev.data.fd = c;
+                    ::epoll_ctl(ep, EPOLL_CTL_ADD, c, &ev);
+                }
+                continue;
+            }
+            char buf[4096];
+            const ssize_t got = ::read(fd, buf, sizeof buf);
+            if (got < 0 && errno == EAGAIN) continue;
+            if (got > 0 && !answered[fd] && ::send(fd, framed.data(), framed.size(), MSG_NOSIGNAL) ==
+                                                static_cast<ssize_t>(framed.size())) {
+                answered[fd] = true;
+                continue;
+            }
+            ::close(fd);
+        }
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::fputs("usage: bench_minimal_server SOCKETPATH\n", stderr);
+    const bool epoll = argc == 3 && std::strcmp(argv[1], "--epoll") == 0;
+    if (argc != 2 && !epoll) {
+        std::fputs("usage: bench_minimal_server [--epoll] SOCKETPATH\n", stderr);
         return 2;
     }
-    if (std::strlen(argv[1]) >= sizeof g_socketPath) {
-        std::fprintf(stderr, "bench_minimal_server: socket path too long: %s\n", argv[1]);
+    const char* path = argv[argc - 1];
+    if (std::strlen(path) >= sizeof g_socketPath) {
+        std::fprintf(stderr, "bench_minimal_server: socket path too long: %s\n", path);
         return 2;
     }
-    std::strcpy(g_socketPath, argv[1]);
+    std::strcpy(g_socketPath, path);
 
     ::signal(SIGPIPE, SIG_IGN);
     struct sigaction sa{};
@@ -87,6 +137,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "bench_minimal_server: %s: %s\n", g_socketPath, std::strerror(errno));
         return 1;
     }
+    if (epoll) serveWithEpoll(listener);
 
     for (;;) {
         int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);

@@ -20,16 +20,20 @@ bool writeAll(CUnixSocketIpc& ipc, const char* data, size_t len) {
     return true;
 }
 
-// Reads exactly len bytes unless the daemon closes first; the count read.
+// Reads exactly len bytes unless the daemon closes first (errno 0) or a read fails; the count read.
 size_t readFull(CUnixSocketIpc& ipc, char* buf, size_t len) {
     size_t got = 0;
     while (got < len) {
         ssize_t n = ipc.Read(buf + got, len - got);
+        if (n == 0) errno = 0;
         if (n <= 0) break;
         got += static_cast<size_t>(n);
     }
     return got;
 }
+
+// A connect or read that would block or timed out: the daemon is there but does not keep up.
+bool isBusy(int err) { return err == EAGAIN || err == EWOULDBLOCK || err == ETIMEDOUT || err == EINPROGRESS; }
 
 }  // namespace
 
@@ -53,12 +57,15 @@ std::string buildRequest(const std::string& command, const Params& params) {
     return root.toString(0);
 }
 
-Exchange exchange(const std::string& socketPath, const std::string& request) {
+Exchange exchange(const std::string& socketPath, const std::string& request, int timeoutSec) {
     Exchange ex;
     try {
         CUnixSocketIpc ipc(socketPath.c_str(), false);
-        if (ipc.Connect() != 0) {
-            ex.error = "cannot connect to " + socketPath + ": " + std::strerror(errno);
+        if (ipc.Connect(timeoutSec) != 0) {
+            const int err = errno;
+            ex.notRunning = err == ENOENT || err == ECONNREFUSED;
+            ex.busy = isBusy(err);
+            ex.error = "cannot connect to " + socketPath + ": " + std::strerror(err);
             return ex;
         }
         ex.reached = true;
@@ -68,7 +75,8 @@ Exchange exchange(const std::string& socketPath, const std::string& request) {
         }
         char header[framing::kHeaderSize];
         if (readFull(ipc, header, sizeof header) != sizeof header) {
-            ex.error = "the daemon closed the connection without answering";
+            ex.busy = isBusy(errno);
+            ex.error = ex.busy ? "the daemon did not answer in time" : "the daemon closed the connection without answering";
             return ex;
         }
         long long length = framing::parseHeader(header, sizeof header);

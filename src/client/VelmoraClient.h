@@ -22,13 +22,16 @@ std::string buildRequest(const std::string& command, const Params& params);
 
 struct Exchange {
     bool ok = false;
-    bool reached = false;  // false: the daemon could not be reached at all
-    std::string error;     // what went wrong, for people
-    std::string answer;    // the answer text
+    bool reached = false;     // false: the daemon could not be reached at all
+    bool notRunning = false;  // nothing listens on the socket (no socket file, or refused)
+    bool busy = false;        // the daemon did not take the connection, or answer, in time
+    std::string error;        // what went wrong, for people
+    std::string answer;       // the answer text
 };
 
-// Connects, sends the request, reads the length block and the answer, acknowledges.
-Exchange exchange(const std::string& socketPath, const std::string& request);
+// Connects, sends the request, reads the length block and the answer, acknowledges. Each step
+// gives up after timeoutSec.
+Exchange exchange(const std::string& socketPath, const std::string& request, int timeoutSec = 30);
 
 struct Answer {
     XMLNode doc;           // the answer's <root>; empty when it did not parse

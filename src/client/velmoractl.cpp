@@ -45,7 +45,9 @@ int sendAndReport(const std::string& socketPath, const std::string& command, con
     vclient::Exchange ex = vclient::exchange(socketPath, request);
     if (!ex.ok) {
         std::fprintf(stderr, "velmoractl: %s\n", ex.error.c_str());
-        if (!ex.reached)
+        if (ex.busy)
+            std::fprintf(stderr, "The daemon is running but busy: it did not take the request in time. Try again.\n");
+        else if (ex.notRunning)
             std::fprintf(stderr,
                          "Is the daemon running? Start it with 'Velmora --root DIR' (or 'make run' in the\n"
                          "source tree) and pass the same --root here, or give its socket with --socket.\n");

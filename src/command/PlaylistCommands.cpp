@@ -6,18 +6,23 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "command/LargeAnswers.h"
+#include "command/RequestClient.h"
 #include "protocol/RequestParams.h"
 #include "util/ResultCodes.h"
 #include "util/AppRoot.h"
+#include "util/ClientRights.h"
 #include "util/Log.h"
 #include "util/PathUtil.h"
 #include "util/Process.h"
@@ -29,6 +34,8 @@
 namespace {
 
 constexpr const char* kDupFile = "/tmp/.dupPlaylist.list";
+// About what one listed playlist entry takes in an answer.
+constexpr size_t kItemBytes = 256;
 // The agent's answer about one file: a few fields.
 constexpr size_t kObjectAnswerCap = 8192;
 
@@ -187,22 +194,30 @@ int list_content_of_playlist(CPlayerManager&, XMLNode& request, XMLNode& answer)
         LOG_ERR("g_playlistDB.getPlaylistID() ... fial");
         return result::kNoPlaylistID;
     }
-    std::vector<playlistElm_s> page;
-    if (playlistStore().getPlaylistElmsByPage(page, id, start, count) != 0) {
+    const int size = playlistStore().getSizeOfPlaylist(id);
+    const int rows = count > 0 ? std::min(count, size) : size;
+    largeanswer::expect(static_cast<size_t>(std::max(rows, 0)) * kItemBytes);
+    auto page = std::make_shared<std::vector<playlistElm_s>>();
+    if (playlistStore().getPlaylistElmsByPage(*page, id, start, count) != 0) {
         LOG_ERR("g_playlistDB.getPlaylistElmsByPage() ... fial");
         return result::kPlaylistReadFailed;
     }
     answerOk(answer);
-    for (const playlistElm_s& elm : page) {
-        XMLNode item = answer.addChild("item");
-        ParamXmlWrapper::add_child_node(item, "playlistID", decimal(elm.PlaylistID).c_str());
-        ParamXmlWrapper::add_child_node(item, "uuid", std::to_string(elm.UUID).c_str());
-        ParamXmlWrapper::add_child_node(item, "mediaType", mediaWordForContent(elm.MediaType));
-        ParamXmlWrapper::add_child_node(item, "contentType", contentWord(elm.ContentType));
-        ParamXmlWrapper::add_child_node(item, "content", elm.Content.c_str());
-        ParamXmlWrapper::add_child_node(item, "upnpID", elm.UPnPObjID.c_str());
-        ParamXmlWrapper::add_child_node(item, "orderNum", decimal(elm.OrderNr).c_str());
-    }
+    // The items go straight into the printed answer, one at a time, rather than into a tree of
+    // their own first: a listing of tens of thousands of entries is held once, as its rows.
+    answer.addContentWriter([page](std::string& out, int depth, bool formatted) {
+        for (const playlistElm_s& elm : *page) {
+            XMLNode item = XMLNode::createXMLTopNode("item");
+            ParamXmlWrapper::add_child_node(item, "playlistID", decimal(elm.PlaylistID).c_str());
+            ParamXmlWrapper::add_child_node(item, "uuid", std::to_string(elm.UUID).c_str());
+            ParamXmlWrapper::add_child_node(item, "mediaType", mediaWordForContent(elm.MediaType));
+            ParamXmlWrapper::add_child_node(item, "contentType", contentWord(elm.ContentType));
+            ParamXmlWrapper::add_child_node(item, "content", elm.Content.c_str());
+            ParamXmlWrapper::add_child_node(item, "upnpID", elm.UPnPObjID.c_str());
+            ParamXmlWrapper::add_child_node(item, "orderNum", decimal(elm.OrderNr).c_str());
+            item.appendTo(out, formatted ? 1 : 0, depth);
+        }
+    });
     return result::kOk;
 }
 
@@ -302,15 +317,25 @@ int reorder_content(CPlayerManager& playerManager, XMLNode& request, XMLNode& an
 
 namespace {
 
-// A batch file: the document's top element, or an empty handle with the failing code.
+// A batch file: the document's top element, or an empty handle with the failing code. It is
+// read with the requesting client's rights: a file the client could not read itself answers as a
+// missing one, so nothing is learnt about it.
 XMLNode readBatchFile(const char* path, int& rc) {
-    struct stat st;
-    if (::lstat(path, &st) != 0) {
+    const int fd = openForReadingAs(requestclient::current(), path);
+    if (fd < 0) {
         LOG_ERR("Can't open %s", path);
         rc = result::kFileUnreadable;
         return XMLNode();
     }
-    XMLNode doc = XMLNode::parseFile(path, nullptr);
+    std::string content;
+    char chunk[16384];
+    ssize_t got;
+    while ((got = ::read(fd, chunk, sizeof chunk)) != 0) {
+        if (got > 0) content.append(chunk, static_cast<size_t>(got));
+        else if (errno != EINTR) break;
+    }
+    ::close(fd);
+    XMLNode doc = got == 0 ? XMLNode::parseString(content) : XMLNode();
     for (int i = 0; i < doc.nChildNode(); ++i) {
         XMLNode top = doc.getChildNode(i);
         if (!top.isDeclaration()) return top;
@@ -320,8 +345,11 @@ XMLNode readBatchFile(const char* path, int& rc) {
     return XMLNode();
 }
 
+// Removed with the client's rights too: read access alone must not let a client have the
+// daemon delete a file.
 void removeBatchFile(const char* path) {
-    if (::unlink(path) != 0) LOG_ERR("remove %s failed", path);
+    if (runWithRightsOf(requestclient::current(), [path] { return ::unlink(path); }) != 0)
+        LOG_ERR("remove %s failed", path);
 }
 
 }  // namespace
@@ -498,6 +526,8 @@ int duplicate_playlist(CPlayerManager& playerManager, XMLNode& request, XMLNode&
     answerOk(answer);
 
     std::lock_guard lock(g_dupMutex);
+    // The list file is the daemon's own, read and removed with its own rights.
+    requestclient::Scope daemonItself(nullptr);
     std::string path = approot::path(kDupFile);
     if (!writeDupFile(path, dupListText(entries, dest, destAppType))) return result::kOk;
 

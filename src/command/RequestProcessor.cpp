@@ -2,17 +2,15 @@
 
 #include "xml/Utf8.h"
 
-#include <unistd.h>
-
 #include <cstring>
 #include <exception>
 #include <memory>
 #include <string>
 
-#include "ipc/CUnixSocketIpc.h"
 #include "command/CommandTable.h"
+#include "command/LargeAnswers.h"
+#include "command/RequestClient.h"
 #include "ipc/Framing.h"
-#include "ipc/RequestIO.h"
 #include "util/ResultCodes.h"
 #include "util/Log.h"
 #include "util/Version.h"
@@ -48,11 +46,10 @@ void setStatus(XMLNode& answer, int code) {
 
 }  // namespace
 
-void serveConnection(const processArg_s& arg) noexcept {
+ipc::answer_s answerRequest(CPlayerManager& playerManager, const std::string& requestText,
+                            const ipc::Peer& peer) noexcept {
+    ipc::answer_s framed;
     try {
-        std::string requestText;
-        if (requestio::readRequest(*arg.ipc, arg.fd, requestText) != 0) return;
-
         XMLNode answer;
         int rc;
         const char* command = "";
@@ -82,7 +79,8 @@ void serveConnection(const processArg_s& arg) noexcept {
                 LOG_ERR("COMMAND '%s' not found", command);
                 rc = result::kUnknownCommand;
             } else {
-                rc = runHandler(handler, command, *arg.playerManager, request, answer);
+                requestclient::Scope client(&peer);
+                rc = runHandler(handler, command, playerManager, request, answer);
             }
         }
 
@@ -101,25 +99,18 @@ void serveConnection(const processArg_s& arg) noexcept {
         std::string version = getVersionText("XUMA");
         if (!version.empty()) ParamXmlWrapper::add_child_node(answer, "version", version.c_str());
 
-        std::string body;
-        body.reserve(256);
-        answer.appendTo(body, 1);
-        if (requestio::sendAnswer(arg.fd, body)) {
-            char ack[framing::kAckSize];
-            arg.ipc->Read(ack, sizeof ack, arg.fd);
-        }
+        // Printed straight behind the room for its length block.
+        framed.bytes.assign(framing::kHeaderSize, '\0');
+        answer.appendTo(framed.bytes, 1);
+        framing::fillHeader(framed.bytes);
         if (!quiet) LOG_TRACE("Command:%s  --dev:%s(done)", command, dev);
     } catch (const std::exception& e) {
-        LOG_ERR("connection failed: %s", e.what());
+        LOG_ERR("request failed: %s", e.what());
+        framed.bytes.clear();
     } catch (...) {
-        LOG_ERR("connection failed with an unknown exception");
+        LOG_ERR("request failed with an unknown exception");
+        framed.bytes.clear();
     }
-}
-
-void* process(void* arg) {
-    std::unique_ptr<processArg_s> owned(static_cast<processArg_s*>(arg));
-    if (!owned) return nullptr;
-    serveConnection(*owned);
-    owned->ipc->Close(owned->fd);
-    return nullptr;
+    framed.hold = largeanswer::holdFor(framed.bytes.size());
+    return framed;
 }

@@ -1,18 +1,14 @@
-// Serving one connection: read one request, dispatch it, answer, wait for the acknowledgement.
+// Answering one request: parse it, dispatch it to its handler with the client as the current
+// one, and print the answer behind its length block.
 #pragma once
 
-class CUnixSocketIpc;
+#include <string>
+
+#include "ipc/ConnectionTable.h"
+#include "ipc/PeerCredentials.h"
+
 class CPlayerManager;
 
-struct processArg_s {
-    int fd;
-    CUnixSocketIpc* ipc;
-    CPlayerManager* playerManager;
-};
-typedef processArg_s processArg_t;
-
-// Serves the connection in arg; never throws. The caller closes arg.fd afterwards.
-void serveConnection(const processArg_s& arg) noexcept;
-
-// Thread-entry form: owns a heap-allocated processArg_s (new), serves it, closes and frees it.
-void* process(void* arg);
+// The framed answer to requestText from the client `peer`. Never throws.
+ipc::answer_s answerRequest(CPlayerManager& playerManager, const std::string& requestText,
+                            const ipc::Peer& peer) noexcept;

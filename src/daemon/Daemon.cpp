@@ -1,23 +1,24 @@
 #include "daemon/Daemon.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/file.h>
 
 #include <sys/signalfd.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/time.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <memory>
-#include <thread>
 
 #include "ipc/CUnixSocketIpc.h"
-#include "ipc/ConnectionPool.h"
+#include "ipc/ConnectionServer.h"
 #include "ipc/Framing.h"
 #include "command/RequestProcessor.h"
 #include "util/AppRoot.h"
@@ -38,8 +39,13 @@ constexpr const char* kProcessName = "Velmora";
 constexpr const char* kSocketPath = "/tmp/.@Velmora.xxx";
 constexpr const char* kLockPath = "/tmp/.@Velmora.lock";
 constexpr int kListenBacklog = 128;
-constexpr size_t kMaxConnections = 256;
-constexpr auto kIdleThreadTimeout = std::chrono::seconds(30);
+// Connections held at once, within the descriptor limit less what players, helper programs and
+// the database need.
+constexpr size_t kMaxConnections = 8192;
+constexpr size_t kMinConnections = 64;
+constexpr rlim_t kReservedDescriptors = 512;
+// Requests served at once; more wait for a worker.
+constexpr size_t kMaxWorkers = 64;
 
 // SIGTERM and SIGINT are blocked in every thread (the mask is set before the first thread
 // starts and inherited) and read from this descriptor by the main thread, so a stop request is
@@ -85,22 +91,26 @@ void installSignals() {
     for (int sig : {SIGPIPE, SIGHUP}) setDisposition(sig, SIG_IGN, nullptr, SA_RESETHAND);
 }
 
-bool isResourceShortage(int err) { return err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM; }
-
-void prepareConnection(int fd) {
-    timeval tv{framing::kIoTimeoutSec, 0};
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+// Raises the soft descriptor limit to the hard one; the connection limit that fits in it.
+size_t connectionLimit() {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        rlimit raised = limit;
+        raised.rlim_cur = limit.rlim_max == RLIM_INFINITY ? 1 << 20 : limit.rlim_max;
+        if (::setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
+        else LOG_WARN("cannot raise the descriptor limit to %llu: %s", static_cast<unsigned long long>(raised.rlim_cur),
+                      std::strerror(errno));
+    }
+    const rlim_t room = limit.rlim_cur > kReservedDescriptors ? limit.rlim_cur - kReservedDescriptors : 0;
+    return std::clamp<size_t>(static_cast<size_t>(std::min<rlim_t>(room, kMaxConnections)), kMinConnections,
+                              kMaxConnections);
 }
 
-// Reports a failed accept; out of descriptors or memory, it also pauses the thread briefly so
-// that connections in flight can finish instead of spinning on the same failure.
 void onAcceptError(int err) {
     LOG_SOCKET("ipc.Accept() ... fial");
     debug_write_log(g_cmdLogPath.c_str(), "Accept() [fail]");
     errno = err;
     errortMessage_("ipc.Accept()");
-    if (isResourceShortage(err)) std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }
 
 // Blocks until SIGTERM or SIGINT.
@@ -134,7 +144,21 @@ void errortMessage_(const char* operation) {
     LOG_ERR("%s..... %d", operation, err);
 }
 
+namespace {
+
+// Large blocks (answer texts, a listing's rows) are mapped on their own and unmapped when freed,
+// rather than carved from the heaps, where the pieces left between smaller blocks would keep
+// the daemon at its peak. A fixed threshold also stops the allocator from raising it after the
+// first large block, which would send every later one to the heaps.
+void keepLargeBlocksOutOfTheHeaps() {
+    ::mallopt(M_MMAP_THRESHOLD, 256 * 1024);
+    ::mallopt(M_ARENA_MAX, 4);
+}
+
+}  // namespace
+
 int runDaemon() {
+    keepLargeBlocksOutOfTheHeaps();
     // One daemon per root: an exclusive lock on a file beside the socket, held for the
     // process's life, taken before the socket is touched (a copy of the binary under another
     // name is refused as well).
@@ -177,18 +201,23 @@ int runDaemon() {
         }
 
         {
-            ConnectionPool pool(
-                ipc.getSockFd(), [&] { return ipc.Accept(); },
-                [&](int fd) {
-                    prepareConnection(fd);
-                    processArg_s arg{fd, &ipc, &playerManager};
-                    serveConnection(arg);
+            ipc::serverOptions_s options;
+            options.maxConnections = connectionLimit();
+            options.maxWorkers = kMaxWorkers;
+            options.requestTimeout = options.answerTimeout = std::chrono::seconds(framing::kIoTimeoutSec);
+            ipc::ConnectionServer server(
+                ipc.getSockFd(),
+                [&](std::string& request, const ipc::Peer& peer) {
+                    return answerRequest(playerManager, request, peer);
                 },
-                onAcceptError, kMaxConnections, kIdleThreadTimeout);
-            if (int rc = pool.start(); rc != 0) throw "connection threads";
+                onAcceptError, options);
+            if (int rc = server.start(); rc != 0) {
+                LOG_ERR("cannot start serving connections: %s", std::strerror(rc));
+                throw "connection server";
+            }
             waitForStopSignal();
-            LOG_NOTE("stopping: finishing the connections in flight");
-            pool.shutdown();
+            LOG_NOTE("stopping: finishing the requests in flight");
+            server.shutdown();
         }
         playerManager.stopThread();
         CGlobalsSingleton<CSqlitePlaylist>::reset();

@@ -29,8 +29,8 @@ const char* const kOutputIcons[] = {"v3_menu/multizone/alsa_other", "v3_menu/mul
                                     "v3_menu/multizone/alsa_hdmi", "v3_menu/multizone/alsa_analog"};
 constexpr int kRestartTimeoutSec = 60;
 
-// Models with a voice-alert speaker always have an analog output: without one listed the music
-// service lost it and is restarted. True when the restart was run.
+}  // namespace
+
 bool restartMusicServiceIfAnalogMissing(bool analogFound) {
     std::string out;
     const int rc = discovery::runListing(
@@ -65,6 +65,8 @@ bool restartMusicServiceIfAnalogMissing(bool analogFound) {
     LOG_TRACE("system ret = %d", r.spawnErrno != 0 || r.timedOut ? -1 : r.exitStatus);
     return true;
 }
+
+namespace {
 
 void addOutputDevice(const mpdOutput_s& o, XMLNode& reply) {
     XMLNode device = reply.addChild("device");
@@ -139,7 +141,7 @@ int dlna_device_doc_gen(const std::string& agentXml, XMLNode& reply) {
     return 0;
 }
 
-int alsa_device_doc_gen(const std::string& outputs, XMLNode& reply, int analogOnly) {
+bool alsa_device_doc_gen(const std::string& outputs, XMLNode& reply, int analogOnly) {
     bool analogFound = false;
     std::istringstream in(outputs);
     std::string line;
@@ -154,7 +156,7 @@ int alsa_device_doc_gen(const std::string& outputs, XMLNode& reply, int analogOn
         }
         addOutputDevice(output, reply);
     }
-    return restartMusicServiceIfAnalogMissing(analogFound) ? 1 : 0;
+    return analogFound;
 }
 
 void add_media_dash_attr(XMLNode& reply) {

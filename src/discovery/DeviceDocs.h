@@ -13,9 +13,13 @@ namespace ParamXmlWrapper {
 int dlna_device_doc_gen(const std::string& agentXml, XMLNode& reply);
 
 // Adds one <device Type="ALSA"> per output line of `outputs` to reply (only the ANALOG ones
-// when analogOnly is set). 1 when the analog output of a voice-alert model was missing and the
-// music service was restarted, so the caller should list again; else 0.
-int alsa_device_doc_gen(const std::string& outputs, XMLNode& reply, int analogOnly);
+// when analogOnly is set). True when an analog output was among them.
+bool alsa_device_doc_gen(const std::string& outputs, XMLNode& reply, int analogOnly);
+
+// Models with a voice-alert speaker always have an analog output: without one listed the music
+// service lost it and is restarted. True when the restart was run, so the caller should list
+// the outputs again.
+bool restartMusicServiceIfAnalogMissing(bool analogFound);
 
 // Adds allow_apps and inuse_apps from the media-dash settings to every listed device that has
 // settings there.

@@ -6,7 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
+#include <atomic>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,6 +14,7 @@
 #include "util/AppRoot.h"
 #include "util/Log.h"
 #include "discovery/AvahiParse.h"
+#include "discovery/ListingCache.h"
 #include "discovery/DiscoveryProcess.h"
 #include "discovery/DeviceDocs.h"
 #include "protocol/ParamXmlWrapper.h"
@@ -36,19 +37,28 @@ const renderTypeName_s kRenderTypes[] = {
     {kFilterAlsa, "alsa"},   {kFilterTavriner, "tavriner"}, {0, nullptr},
 };
 
-// The listings that are reused between refreshes. One per process; its lock also makes
-// concurrent listing commands take turns.
-struct listingCache_s {
-    std::mutex lock;
-    std::optional<time_t> lastRefresh;
-    bool refreshed = false;  // whether the current listing ran the programs
-    std::string agentList;   // the media agent's renderer list
-    std::string castBrowse;     // the resolved lines of avahi-browse: Chromecast receivers,
-    std::string airplayBrowse;  // AirPlay video receivers,
-    std::string raopBrowse;     // and AirPlay speakers
-    Clock clock = nullptr;
+// The local outputs as listed, and listed again after the music service was restarted for a
+// missing analog output (empty when it was not).
+struct localOutputs_s {
+    std::string outputs;
+    std::string afterRestart;
+};
 
-    time_t now() const { return clock ? clock() : ::time(nullptr); }
+// What ListRender reuses between refreshes, one cache per source so that a filtered listing
+// refreshes only what it lists and sources refresh side by side. One per process.
+struct listingCache_s {
+    discovery::ListingCache<bool> modlEnabled;
+    discovery::ListingCache<std::string> agentList;     // the media agent's renderer list
+    discovery::ListingCache<std::string> castBrowse;    // the resolved lines of avahi-browse: Chromecast receivers,
+    discovery::ListingCache<std::string> airplayBrowse;  // AirPlay video receivers,
+    discovery::ListingCache<std::string> raopBrowse;     // and AirPlay speakers
+    discovery::ListingCache<localOutputs_s> localOutputs;
+    std::atomic<Clock> clock{nullptr};
+
+    time_t now() const {
+        const Clock c = clock.load();
+        return c ? c() : ::time(nullptr);
+    }
 };
 
 listingCache_s& listingCache() {
@@ -156,28 +166,26 @@ void updateRenderCache(CPlayerManager& playerManager, XMLNode& reply) {
     }
 }
 
-void setClock(Clock clock) {
-    listingCache_s& cache = listingCache();
-    std::lock_guard<std::mutex> lock(cache.lock);
-    cache.clock = clock;
-}
+void setClock(Clock clock) { listingCache().clock = clock; }
 
 void resetCache() {
     listingCache_s& cache = listingCache();
-    std::lock_guard<std::mutex> lock(cache.lock);
-    cache.lastRefresh.reset();
-    cache.refreshed = false;
-    cache.agentList.clear();
-    cache.castBrowse.clear();
-    cache.airplayBrowse.clear();
-    cache.raopBrowse.clear();
+    cache.modlEnabled.reset();
+    cache.agentList.reset();
+    cache.castBrowse.reset();
+    cache.airplayBrowse.reset();
+    cache.raopBrowse.reset();
+    cache.localOutputs.reset();
 }
 
 }  // namespace renderlisting
 
 int list_render(CPlayerManager& playerManager, XMLNode& request, XMLNode& answer) {
     using namespace renderlisting;
-    const bool modlEnabled = isModlEnabled();
+    listingCache_s& cache = listingCache();
+    const time_t now = cache.now();
+    const bool modlEnabled =
+        cache.modlEnabled.get(now, kRefreshSeconds, [] { return std::optional<bool>(isModlEnabled()); });
 
     uint32_t mask = 0;
     XMLNode typeParam;
@@ -186,61 +194,57 @@ int list_render(CPlayerManager& playerManager, XMLNode& request, XMLNode& answer
     auto wanted = [mask](uint32_t bit) { return mask == 0 || (mask & bit) != 0; };
 
     create_status_xml_doc(answer, "0", nullptr);
-    {
-        listingCache_s& cache = listingCache();
-        std::lock_guard<std::mutex> lock(cache.lock);
-        const time_t now = cache.now();
-        cache.refreshed = !cache.lastRefresh || now - *cache.lastRefresh > kRefreshSeconds;
-        if (cache.refreshed) cache.lastRefresh = now;
-
-        time_t start = ::time(nullptr);
-        if (wanted(kFilterDlna)) {
-            if (cache.refreshed) {
-                std::string out;
-                if (discovery::runListing(mediaagent::command("list"), out) != 0)
-                    LOG_ERR("tessaly ... fail");
-                else
-                    cache.agentList = std::move(out);
-            }
-            dlna_device_doc_gen(cache.agentList, answer);
-        }
-        LOG_TRACE("using %ld sec for list DLNA", secondsSince(start));
-
-        start = ::time(nullptr);
-        // The resolved lines of one mDNS service type, browsed again only on a refresh.
-        auto browse = [&](const char* serviceType, std::string& kept) {
-            if (!cache.refreshed) return;
+    time_t start = ::time(nullptr);
+    if (wanted(kFilterDlna)) {
+        const std::string agentList = cache.agentList.get(now, kRefreshSeconds, [] {
             std::string out;
-            if (discovery::runListing({approot::path("/usr/sbin/avahi-browse"), "-rkpt", serviceType}, out) != 0)
-                LOG_ERR("avahi-browse %s ... fail", serviceType);
-            else
-                kept = discovery::keepLinesContaining(out, "=;");
-        };
-        if (modlEnabled && wanted(kFilterAirplay)) {
-            browse("_airplay._tcp", cache.airplayBrowse);
-            browse("_raop._tcp", cache.raopBrowse);
-            if (gen_avahi_device(0, cache.airplayBrowse, answer) != 0) LOG_ERR("Airplay ... fail");
-            if (gen_avahi_device(2, cache.raopBrowse, answer) != 0) LOG_ERR("Raop ... fail");
-            dropSpeakersListedAsAirplay(answer);
-        }
-        if (modlEnabled && wanted(kFilterChromecast)) {
-            browse("_googlecast._tcp", cache.castBrowse);
-            if (gen_avahi_device(1, cache.castBrowse, answer) != 0) LOG_ERR("Chromecast ... fail");
-        }
-        LOG_TRACE("using %ld sec for list airplay and chromecast", secondsSince(start));
-
-        start = ::time(nullptr);
-        if (modlEnabled && wanted(kFilterAlsa)) {
-            const std::vector<std::string> outputsCmd{approot::path("/tmp/larkd/bin/mpc"), "-p", "8893", "outputs"};
-            std::string outputs;
-            // A restart of the music service brings back a lost analog output: list it again.
-            if (discovery::runListing(outputsCmd, outputs) == 0 && alsa_device_doc_gen(outputs, answer, 0) != 0 &&
-                discovery::runListing(outputsCmd, outputs) == 0)
-                alsa_device_doc_gen(outputs, answer, 1);
-        }
-        LOG_TRACE("using %ld sec for list alsa", secondsSince(start));
-        LOG_TRACE("using %ld sec for list tavriner", 0L);
+            if (discovery::runListing(mediaagent::command("list"), out) == 0) return std::optional(std::move(out));
+            LOG_ERR("tessaly ... fail");
+            return std::optional<std::string>();
+        });
+        dlna_device_doc_gen(agentList, answer);
     }
+    LOG_TRACE("using %ld sec for list DLNA", secondsSince(start));
+
+    start = ::time(nullptr);
+    // The resolved lines of one mDNS service type.
+    auto browse = [&](const char* serviceType, discovery::ListingCache<std::string>& kept) {
+        return kept.get(now, kRefreshSeconds, [serviceType] {
+            std::string out;
+            if (discovery::runListing({approot::path("/usr/sbin/avahi-browse"), "-rkpt", serviceType}, out) == 0)
+                return std::optional(discovery::keepLinesContaining(out, "=;"));
+            LOG_ERR("avahi-browse %s ... fail", serviceType);
+            return std::optional<std::string>();
+        });
+    };
+    if (modlEnabled && wanted(kFilterAirplay)) {
+        if (gen_avahi_device(0, browse("_airplay._tcp", cache.airplayBrowse), answer) != 0) LOG_ERR("Airplay ... fail");
+        if (gen_avahi_device(2, browse("_raop._tcp", cache.raopBrowse), answer) != 0) LOG_ERR("Raop ... fail");
+        dropSpeakersListedAsAirplay(answer);
+    }
+    if (modlEnabled && wanted(kFilterChromecast)) {
+        if (gen_avahi_device(1, browse("_googlecast._tcp", cache.castBrowse), answer) != 0)
+            LOG_ERR("Chromecast ... fail");
+    }
+    LOG_TRACE("using %ld sec for list airplay and chromecast", secondsSince(start));
+
+    start = ::time(nullptr);
+    if (modlEnabled && wanted(kFilterAlsa)) {
+        const localOutputs_s local = cache.localOutputs.get(now, kRefreshSeconds, [] {
+            const std::vector<std::string> outputsCmd{approot::path("/tmp/larkd/bin/mpc"), "-p", "8893", "outputs"};
+            localOutputs_s found;
+            if (discovery::runListing(outputsCmd, found.outputs) != 0) return std::optional<localOutputs_s>();
+            // A restart of the music service brings back a lost analog output: list it again.
+            XMLNode scratch = XMLNode::createXMLTopNode("root");
+            if (restartMusicServiceIfAnalogMissing(alsa_device_doc_gen(found.outputs, scratch, 0)))
+                discovery::runListing(outputsCmd, found.afterRestart);
+            return std::optional(std::move(found));
+        });
+        alsa_device_doc_gen(local.outputs, answer, 0);
+        if (!local.afterRestart.empty()) alsa_device_doc_gen(local.afterRestart, answer, 1);
+    }
+    LOG_TRACE("using %ld sec for list alsa", secondsSince(start));
+    LOG_TRACE("using %ld sec for list tavriner", 0L);
 
     if (answer.nChildNode("device") > 0) updateRenderCache(playerManager, answer);
     add_media_dash_attr(answer);

@@ -35,8 +35,9 @@ void updateRenderCache(CPlayerManager& playerManager, XMLNode& reply);
 // The media-server package's Enable setting.
 bool isModlEnabled();
 
-// The agent and browse listings are reused for 10 seconds. Tests set the clock (null: time())
-// and forget what was stored.
+// Every source of the listing (the package setting, the agent, each mDNS browse, the local
+// outputs) is reused for 10 seconds; concurrent listings share one refresh. Tests set the clock
+// (null: time()) and forget what was stored.
 inline constexpr time_t kRefreshSeconds = 10;
 using Clock = time_t (*)();
 void setClock(Clock clock);

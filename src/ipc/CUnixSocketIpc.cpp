@@ -8,7 +8,6 @@
 #include <cstring>
 
 namespace {
-constexpr int kIoTimeoutSec = 30;
 constexpr int kClientReadRetries = 2;
 }  // namespace
 
@@ -45,8 +44,8 @@ CUnixSocketIpc::~CUnixSocketIpc() {
 
 int CUnixSocketIpc::Listen(int backlog) { return ::listen(m_sockFd, backlog); }
 
-int CUnixSocketIpc::Connect() {
-    timeval tv{kIoTimeoutSec, 0};
+int CUnixSocketIpc::Connect(int timeoutSec) {
+    timeval tv{timeoutSec, 0};
     if (::setsockopt(m_sockFd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0) return -1;
     if (::setsockopt(m_sockFd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) != 0) return -1;
     int rc;

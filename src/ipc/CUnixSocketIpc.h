@@ -10,6 +10,8 @@
 
 class CUnixSocketIpc {
 public:
+    static constexpr int kIoTimeoutSec = 30;
+
     // Server: removes a leftover file at path, binds, and makes the file mode 0777.
     // Throws the C string "CUnixSocketIpc::CUnixSocketIpc" when socket() or bind() fails.
     CUnixSocketIpc(const char* path, bool server);
@@ -18,8 +20,9 @@ public:
     CUnixSocketIpc& operator=(const CUnixSocketIpc&) = delete;
 
     int Listen(int backlog);
-    // Client: sets 30 s receive and send time-outs, then connects. 0 or -1.
-    int Connect();
+    // Client: sets receive and send time-outs (30 s unless given; the send one also bounds a
+    // connect to a daemon whose listen queue is full), then connects. 0 or -1.
+    int Connect(int timeoutSec = kIoTimeoutSec);
     // Server: accepts one connection (retrying on EINTR); the descriptor or -1. Several
     // threads may wait in Accept at once.
     int Accept();

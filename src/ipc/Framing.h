@@ -20,6 +20,13 @@ inline void formatHeader(char (&block)[kHeaderSize], size_t bodyLength) {
     std::snprintf(block, kHeaderSize, "%zu", bodyLength);
 }
 
+// An answer printed behind kHeaderSize bytes of room: writes its length block there.
+inline void fillHeader(std::string& framed) {
+    char block[kHeaderSize];
+    formatHeader(block, framed.size() - kHeaderSize);
+    framed.replace(0, kHeaderSize, block, kHeaderSize);
+}
+
 // Reads the length from a header block; -1 when it holds no plain decimal number.
 inline long long parseHeader(const char* block, size_t size) {
     long long value = 0;

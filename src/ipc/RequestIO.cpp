@@ -1,13 +1,6 @@
 #include "ipc/RequestIO.h"
 
-#include <sys/socket.h>
-#include <sys/uio.h>
-
-#include <cerrno>
 #include <vector>
-
-#include "ipc/CUnixSocketIpc.h"
-#include "ipc/Framing.h"
 
 namespace requestio {
 namespace {
@@ -93,49 +86,6 @@ DocState scanDocument(std::string_view s) {
         i = next;
     }
     return DocState::NeedMore;
-}
-
-int readRequest(CUnixSocketIpc& ipc, int fd, std::string& out) {
-    out.clear();
-    char chunk[4096];
-    while (out.size() < framing::kMaxRequest) {
-        size_t want = std::min(sizeof chunk, framing::kMaxRequest - out.size());
-        ssize_t n = ipc.Read(chunk, want, fd);
-        if (n < 0) return -1;
-        if (n == 0) break;  // the client half-closed: parse what came
-        out.append(chunk, static_cast<size_t>(n));
-        if (scanDocument(out) == DocState::Complete) break;
-    }
-    return 0;
-}
-
-bool sendAnswer(int fd, const std::string& body) {
-    char header[framing::kHeaderSize];
-    framing::formatHeader(header, body.size());
-    iovec iov[2] = {{header, sizeof header}, {const_cast<char*>(body.data()), body.size()}};
-    int count = 2;
-    iovec* cur = iov;
-    while (count > 0) {
-        msghdr msg{};
-        msg.msg_iov = cur;
-        msg.msg_iovlen = static_cast<size_t>(count);
-        ssize_t n = ::sendmsg(fd, &msg, MSG_NOSIGNAL);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        size_t sent = static_cast<size_t>(n);
-        while (count > 0 && sent >= cur->iov_len) {
-            sent -= cur->iov_len;
-            ++cur;
-            --count;
-        }
-        if (count > 0) {
-            cur->iov_base = static_cast<char*>(cur->iov_base) + sent;
-            cur->iov_len -= sent;
-        }
-    }
-    return true;
 }
 
 }  // namespace requestio

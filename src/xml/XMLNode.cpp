@@ -68,9 +68,10 @@ uint32_t XMLNodeData::insertSlot(XMLContentKind kind, int pos) {
     if (at == order.size()) {
         // Appending, the common case (parsing, building answers): no scan, so a document with
         // many children is built in linear time.
-        size_t count = kind == XMLContentKind::Child ? children.size()
+        size_t count = kind == XMLContentKind::Child  ? children.size()
                        : kind == XMLContentKind::Text ? texts.size()
-                                                      : clears.size();
+                       : kind == XMLContentKind::Clear ? clears.size()
+                                                       : writers.size();
         order.push_back(XMLContentSlot{kind, static_cast<uint32_t>(count)});
         return static_cast<uint32_t>(count);
     }
@@ -179,6 +180,7 @@ XMLNode XMLNode::deepCopy() const {
         t->texts = s->texts;
         t->attributes = s->attributes;
         t->clears = s->clears;
+        t->writers = s->writers;
         t->order = s->order;
         t->children.reserve(s->children.size());
     };
@@ -356,6 +358,12 @@ XMLNode XMLNode::addChild(XMLNode child, int pos) {
 
 void XMLNode::addText(const char* text, int pos) {
     if (d_ && text) d_->appendText(text, pos);
+}
+
+void XMLNode::addContentWriter(ContentWriter writer) {
+    if (!d_ || !writer) return;
+    const uint32_t index = d_->insertSlot(XMLContentKind::Writer, -1);
+    d_->writers.insert(d_->writers.begin() + index, std::move(writer));
 }
 
 void XMLNode::addAttribute(const char* name, const char* value) {

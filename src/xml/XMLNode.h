@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 
 enum XMLError {
@@ -118,7 +119,16 @@ public:
     char* createXMLString(int nFormat = 1, int* length = nullptr) const;
     static void freeXMLString(char* text);
     std::string toString(int nFormat = 1) const;
-    void appendTo(std::string& out, int nFormat = 1) const;  // appends the printed tree
+    // Appends the printed tree, indented as content at `depth`.
+    void appendTo(std::string& out, int nFormat = 1, int depth = 0) const;
+
+    // Content written by a callback when the tree is printed, at this position among the
+    // element's content: long runs of elements (a listing's rows) go straight into the output
+    // instead of being held as a tree first. The callback gets the output, the indentation depth
+    // of the content and whether the output is formatted. It is not searched, counted or copied
+    // as children are; a deep copy shares it.
+    using ContentWriter = std::function<void(std::string& out, int depth, bool formatted)>;
+    void addContentWriter(ContentWriter writer);
     XMLError writeToFile(const char* path, const char* encoding = nullptr, int nFormat = 1) const;
 
     bool operator==(const XMLNode& other) const { return d_ == other.d_; }  // same element

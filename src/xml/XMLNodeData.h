@@ -22,7 +22,7 @@ struct XMLClearData {
     std::string close;
 };
 
-enum class XMLContentKind : uint8_t { Child, Text, Clear };
+enum class XMLContentKind : uint8_t { Child, Text, Clear, Writer };
 
 // One entry of the element's content order; index points into the vector of that kind.
 struct XMLContentSlot {
@@ -43,6 +43,7 @@ struct XMLNodeData {
     std::vector<std::string> texts;
     std::vector<XMLAttributeData> attributes;
     std::vector<XMLClearData> clears;
+    std::vector<XMLNode::ContentWriter> writers;
     std::vector<XMLContentSlot> order;
 
     static void retain(XMLNodeData* d) noexcept { d->refs.fetch_add(1, std::memory_order_relaxed); }

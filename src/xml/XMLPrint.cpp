@@ -18,12 +18,20 @@ class Printer {
 public:
     Printer(std::string& out, bool formatted) : out_(out), formatted_(formatted) {}
 
-    void print(const XMLNodeData* top) {
+    void print(const XMLNodeData* top, int topDepth) {
         // Explicit stack (kept per thread) rather than recursion: deep documents must not
-        // exhaust a worker thread's stack, and warm printing allocates nothing.
-        thread_local std::vector<Frame> stack;
+        // exhaust a worker thread's stack, and warm printing allocates nothing. A content
+        // writer that prints a tree of its own gets a stack of its own.
+        thread_local std::vector<Frame> threadStack;
+        thread_local int nesting = 0;
+        std::vector<Frame> ownStack;
+        std::vector<Frame>& stack = nesting == 0 ? threadStack : ownStack;
+        struct nestingScope_s {
+            nestingScope_s() { ++nesting; }
+            ~nestingScope_s() { --nesting; }
+        } scope;
         stack.clear();
-        enter(top, 0, stack);
+        enter(top, topDepth, stack);
         while (!stack.empty()) {
             Frame& f = stack.back();
             if (f.next == f.d->order.size()) {
@@ -51,6 +59,9 @@ public:
                     indent(depth);
                     clear(d->clears[slot.index]);
                     newline();
+                    break;
+                case XMLContentKind::Writer:
+                    d->writers[slot.index](out_, depth, formatted_);
                     break;
             }
         }
@@ -90,7 +101,7 @@ private:
             return;
         }
         out_ += '>';
-        if (d->children.empty()) {  // texts and clears only: one line
+        if (d->children.empty() && d->writers.empty()) {  // texts and clears only: one line
             for (const XMLContentSlot& slot : d->order) {
                 if (slot.kind == XMLContentKind::Text) {
                     const std::string& t = d->texts[slot.index];
@@ -147,7 +158,7 @@ std::string& printScratch(const XMLNodeData* d, int nFormat) {
     thread_local std::string scratch;
     scratch.clear();
     if (scratch.capacity() < 2048) scratch.reserve(2048);
-    if (d) Printer(scratch, nFormat > 0).print(d);
+    if (d) Printer(scratch, nFormat > 0).print(d, 0);
     return scratch;
 }
 
@@ -157,11 +168,11 @@ void trimScratch(std::string& scratch) {
 
 }  // namespace
 
-void XMLNode::appendTo(std::string& out, int nFormat) const {
+void XMLNode::appendTo(std::string& out, int nFormat, int depth) const {
     if (!d_) return;
     // Small answers then fit without a series of doublings; growth stays geometric.
     if (out.capacity() - out.size() < 1024) out.reserve(std::max(out.size() + 1024, out.capacity() * 2));
-    Printer(out, nFormat > 0).print(d_);
+    Printer(out, nFormat > 0).print(d_, depth);
 }
 
 std::string XMLNode::toString(int nFormat) const {

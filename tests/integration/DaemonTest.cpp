@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -116,6 +117,33 @@ TEST_F(DaemonTest, SilentAndVanishingClientsDoNotHoldUpOthers) {
     EXPECT_EQ(daemon->request("echo").status, "ECHO");
     EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
     ::close(silent);
+    EXPECT_TRUE(daemon->running());
+}
+
+TEST_F(DaemonTest, HundredsOfSilentAndDrippingClientsDoNotKeepOthersOut) {
+    constexpr int kSilent = 300, kDripping = 150;
+    std::vector<int> silent, dripping;
+    for (int i = 0; i < kSilent; ++i) silent.push_back(connectTo(root.socketPath()));
+    for (int i = 0; i < kDripping; ++i) dripping.push_back(connectTo(root.socketPath()));
+    std::atomic<bool> stop{false};
+    std::thread drip([&] {
+        for (int round = 0; !stop; ++round) {
+            for (int fd : dripping) ::send(fd, round == 0 ? "<" : "r", 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+            for (int i = 0; i < 10 && !stop; ++i) std::this_thread::sleep_for(20ms);
+        }
+    });
+
+    // Each echo well inside the time the hostile connections are allowed to last.
+    for (int i = 0; i < 10; ++i) {
+        vclient::Exchange ex = vclient::exchange(root.socketPath(), "<root><command>echo</command></root>", 10);
+        EXPECT_TRUE(ex.ok) << ex.error;
+    }
+    stop = true;
+    drip.join();
+    for (int fd : silent) EXPECT_GE(fd, 0);
+    for (int fd : dripping) EXPECT_GE(fd, 0);
+    for (int fd : silent) ::close(fd);
+    for (int fd : dripping) ::close(fd);
     EXPECT_TRUE(daemon->running());
 }
 

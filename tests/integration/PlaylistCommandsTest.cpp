@@ -1,7 +1,11 @@
 // Playlists as front ends use them, through the socket of the real daemon.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <fcntl.h>
+#include <grp.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -167,6 +171,61 @@ TEST_F(PlaylistTest, BatchAddCreatesFillsAndInsertsAtAPosition) {
     file = writeFile("untitled.xml", "<root><appType>music</appType><item>x</item></root>");
     EXPECT_EQ(code("BatchAddPlaylist", {{"filePath", file}}), -12);
     EXPECT_EQ(::access(file.c_str(), F_OK), 0) << "a refused file is left in place";
+}
+
+// velmoractl run as an unprivileged user: its exit status, its messages in `output`.
+int runAsNobody(const std::vector<std::string>& args, std::string& output) {
+    int out[2];
+    if (::pipe2(out, O_CLOEXEC) != 0) return -1;
+    std::vector<char*> argv;
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::dup2(out[1], STDOUT_FILENO);
+        ::dup2(out[1], STDERR_FILENO);
+        if (::setgroups(0, nullptr) == 0 && ::setgid(65534) == 0 && ::setuid(65534) == 0)
+            ::execv(argv[0], argv.data());
+        ::_exit(127);
+    }
+    ::close(out[1]);
+    char chunk[4096];
+    ssize_t n;
+    while ((n = ::read(out[0], chunk, sizeof chunk)) > 0) output.append(chunk, static_cast<size_t>(n));
+    ::close(out[0]);
+    int status = 0;
+    if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
+    return WEXITSTATUS(status);
+}
+
+TEST_F(PlaylistTest, ABatchFileTheClientCannotReadAnswersAsAMissingOne) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to run a client as another user";
+    // The unprivileged client reaches the socket, and has a directory of its own.
+    ASSERT_EQ(::chmod(root.path().c_str(), 0755), 0);
+    const std::string home = root.path() + "/home-nobody";
+    ASSERT_EQ(::mkdir(home.c_str(), 0755), 0);
+    ASSERT_EQ(::chown(home.c_str(), 65534, 65534), 0);
+    const std::string batch = "<root><playlist>Mine</playlist><appType>music</appType><item>a.mp3</item></root>";
+    ASSERT_TRUE(testsupport::writeFile(home + "/secret.xml", batch, 0600));  // root's own
+    ASSERT_TRUE(testsupport::writeFile(home + "/bad.xml", "<root>", 0600));
+    ASSERT_TRUE(testsupport::writeFile(home + "/mine.xml", batch, 0644));
+
+    auto batchAdd = [&](const std::string& file, std::string& output) {
+        return runAsNobody({VELMORACTL_BIN, "--root", root.path(), "BatchAddPlaylist", "filePath=" + file}, output);
+    };
+    // A well-formed file and a malformed one answer alike: nothing is learnt about either.
+    for (const char* name : {"/secret.xml", "/bad.xml", "/missing.xml"}) {
+        std::string output;
+        EXPECT_EQ(batchAdd(home + name, output), 1) << output;
+        EXPECT_NE(output.find("status -15"), std::string::npos) << name << ": " << output;
+    }
+    EXPECT_EQ(::access((home + "/secret.xml").c_str(), F_OK), 0);
+    EXPECT_TRUE(contents("Mine").empty());
+
+    std::string output;
+    ASSERT_EQ(batchAdd(home + "/mine.xml", output), 0) << output;
+    EXPECT_EQ(contents("Mine"), (Strings{"a.mp3"}));
+    EXPECT_NE(::access((home + "/mine.xml").c_str(), F_OK), 0) << "removed as its owner may";
 }
 
 TEST_F(PlaylistTest, BatchDeleteRemovesListedEntries) {

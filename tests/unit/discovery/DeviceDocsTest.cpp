@@ -71,7 +71,7 @@ TEST_F(DeviceDocsTest, UsbAndAnalogOutputDocuments) {
     put("/proc/asound/card1/pcm0p/sub0/status", "state: RUNNING \r\n  owner_pid : 42\n");
     const std::string analog = usbLineWith({{"devType:1", "devType:3"}});
     XMLNode root = XMLNode::createXMLTopNode("root");
-    ASSERT_EQ(alsa_device_doc_gen(kUsbLine + "\n" + analog + "\n", root, 0), 0);
+    ASSERT_TRUE(alsa_device_doc_gen(kUsbLine + "\n" + analog + "\n", root, 0));
     ASSERT_EQ(root.nChildNode("device"), 2);
 
     XMLNode usb = root.getChildNode("device", 0);
@@ -91,7 +91,7 @@ TEST_F(DeviceDocsTest, UsbAndAnalogOutputDocuments) {
 
     // The second pass after a restart adds only the analog output.
     XMLNode again = XMLNode::createXMLTopNode("root");
-    ASSERT_EQ(alsa_device_doc_gen(kUsbLine + "\n" + analog + "\n" + usbLineWith({{"devType:1", "devType:2"}}), again, 1), 0);
+    ASSERT_TRUE(alsa_device_doc_gen(kUsbLine + "\n" + analog + "\n" + usbLineWith({{"devType:1", "devType:2"}}), again, 1));
     ASSERT_EQ(again.nChildNode("device"), 1);
     EXPECT_STREQ(again.getChildNode("device").getAttribute("Subtype"), "ANALOG");
 }

@@ -7,6 +7,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -116,7 +117,7 @@ TEST_F(ListRenderSimTest, ListsEverySourceAndFillsTheRenderCache) {
     EXPECT_EQ(calls("yarrow", "Enable"), 1);
 }
 
-TEST_F(ListRenderSimTest, AgentAndBrowseListingsAreReusedForTenSeconds) {
+TEST_F(ListRenderSimTest, EverySourceIsReusedForTenSeconds) {
     ASSERT_EQ(listRender(), 0);
     simctl({"renderer", kSpeakerId, "absent"});
 
@@ -124,14 +125,18 @@ TEST_F(ListRenderSimTest, AgentAndBrowseListingsAreReusedForTenSeconds) {
     ASSERT_EQ(listRender(), 0);
     EXPECT_EQ(calls("tessaly", "list"), 1);
     EXPECT_EQ(calls("avahi-browse", "-rkpt"), 3);
-    EXPECT_EQ(calls("mpc", "outputs"), 2);  // local outputs are always asked afresh
+    EXPECT_EQ(calls("mpc", "outputs"), 1);
+    EXPECT_EQ(calls("yarrow", "Enable"), 1);
     EXPECT_EQ(devices().count(kSpeakerId), 1u);
     EXPECT_EQ(devices().count(kKitchenCastId), 1u);  // the stored browse output is listed again
+    EXPECT_EQ(devices().count("usb_dac"), 1u);
 
     s_now += 1;
     ASSERT_EQ(listRender(), 0);
     EXPECT_EQ(calls("tessaly", "list"), 2);
     EXPECT_EQ(calls("avahi-browse", "-rkpt"), 6);
+    EXPECT_EQ(calls("mpc", "outputs"), 2);
+    EXPECT_EQ(calls("yarrow", "Enable"), 2);
     EXPECT_EQ(devices().count(kSpeakerId), 0u);
     // The vanished renderer stays cached, no longer marked as found.
     EXPECT_EQ(cached(kSpeakerId).found, 0);
@@ -139,21 +144,42 @@ TEST_F(ListRenderSimTest, AgentAndBrowseListingsAreReusedForTenSeconds) {
     simctl({"renderer", kSpeakerId, "present"});
 }
 
+TEST_F(ListRenderSimTest, ConcurrentListingsShareOneRefresh) {
+    constexpr int kCallers = 8;
+    std::vector<int> listed(kCallers, -1);
+    std::vector<std::thread> callers;
+    for (int c = 0; c < kCallers; ++c)
+        callers.emplace_back([&, c] {
+            XMLNode request = XMLNode::createXMLTopNode("root");
+            request.addChild("command").addText("ListRender");
+            request.addChild("paramList");
+            XMLNode reply;
+            if (list_render(manager, request, reply) == 0) listed[c] = reply.nChildNode("device");
+        });
+    for (std::thread& t : callers) t.join();
+    for (int n : listed) EXPECT_EQ(n, 7);
+    EXPECT_EQ(calls("tessaly", "list"), 1);
+    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 3);
+    EXPECT_EQ(calls("mpc", "outputs"), 1);
+    EXPECT_EQ(calls("yarrow", "Enable"), 1);
+}
+
 TEST_F(ListRenderSimTest, RenderTypeFiltersTheSources) {
     ASSERT_EQ(listRender("dlna+alsa"), 0);
     EXPECT_EQ(kinds(), (std::multiset<std::string>{"DLNA", "DLNA", "ALSA", "ALSA", "ALSA"}));
     EXPECT_EQ(calls("avahi-browse", "-rkpt"), 0);
 
-    // Within ten seconds of that refresh nothing is browsed, whatever the filter.
-    ASSERT_EQ(listRender("AirPlay"), 0);
-    EXPECT_EQ(answer.nChildNode("device"), 0);
-    EXPECT_STREQ(childText(answer, "status"), "0");
-
-    s_now += 11;
+    // A source the first listing left out is refreshed when it is asked for.
     ASSERT_EQ(listRender("chromecast"), 0);
     EXPECT_EQ(kinds(), (std::multiset<std::string>{"Chromecast", "Chromecast"}));
-    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 1);
-    EXPECT_EQ(calls("mpc", "outputs"), 1) << "only the first listing asked for local outputs";
+    EXPECT_EQ(calls("avahi-browse", "_googlecast._tcp"), 1);
+    EXPECT_EQ(calls("avahi-browse", "_airplay._tcp"), 0);
+
+    ASSERT_EQ(listRender(), 0);
+    EXPECT_EQ(answer.nChildNode("device"), 7);
+    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 3);
+    EXPECT_EQ(calls("tessaly", "list"), 1);
+    EXPECT_EQ(calls("mpc", "outputs"), 1);
 }
 
 TEST_F(ListRenderSimTest, WithoutTheMediaServerPackageOnlyDlnaIsListed) {

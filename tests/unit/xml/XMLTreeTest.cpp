@@ -117,3 +117,26 @@ TEST(XMLText, OnlyWellFormedUtf8OfXmlCharactersPassesAndPrintingReplacesTheRest)
     EXPECT_NE(printed.find("bad\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBDname &amp; &lt;more&gt;"), std::string::npos)
         << printed;
 }
+
+TEST(XMLTree, ContentWritersPrintInPlaceAndMayPrintTreesOfTheirOwn) {
+    XMLNode root = XMLNode::createXMLTopNode("root");
+    root.addChild("status").addText("0");
+    int calls = 0;
+    root.addContentWriter([&calls](std::string& out, int depth, bool formatted) {
+        ++calls;
+        for (const char* name : {"one", "two"}) {
+            XMLNode item = XMLNode::createXMLTopNode("item");
+            item.addChild("name").addText(name);
+            item.appendTo(out, formatted ? 1 : 0, depth);  // a nested print
+        }
+    });
+    root.addChild("version").addText("v");
+    EXPECT_EQ(root.toString(0), "<root><status>0</status><item><name>one</name></item><item><name>two</name></item>"
+                                "<version>v</version></root>");
+    std::string out = "HEAD";
+    root.appendTo(out, 1);
+    EXPECT_EQ(out, "HEAD<root>\n\t<status>0</status>\n\t<item>\n\t\t<name>one</name>\n\t</item>\n"
+                   "\t<item>\n\t\t<name>two</name>\n\t</item>\n\t<version>v</version>\n</root>\n");
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(root.nChildNode(), 2);
+}
