@@ -189,37 +189,40 @@ int runDaemon() {
         std::error_code ec;
         std::filesystem::create_directories(approot::path("/tmp"), ec);
         CUnixSocketIpc ipc(socketPath.c_str(), true);
-        CPlayerManager playerManager(std::make_shared<BackendTable>());
         playlistStore();  // open (or create) the playlist database now, not on the first request
-        installSignals();
-        playerManager.start("manager");
-
-        if (ipc.Listen(kListenBacklog) != 0) {
-            LOG_SOCKET("ipc.Listen() ... fial");
-            debug_write_log(g_cmdLogPath.c_str(), "Listen() [fail]");
-            throw "ipc.Listen";
-        }
-
+        // The players (their workers read the playlist store) go before the store does.
         {
-            ipc::serverOptions_s options;
-            options.maxConnections = connectionLimit();
-            options.maxWorkers = kMaxWorkers;
-            options.requestTimeout = options.answerTimeout = std::chrono::seconds(framing::kIoTimeoutSec);
-            ipc::ConnectionServer server(
-                ipc.getSockFd(),
-                [&](std::string& request, const ipc::Peer& peer) {
-                    return answerRequest(playerManager, request, peer);
-                },
-                onAcceptError, options);
-            if (int rc = server.start(); rc != 0) {
-                LOG_ERR("cannot start serving connections: %s", std::strerror(rc));
-                throw "connection server";
+            CPlayerManager playerManager(std::make_shared<BackendTable>());
+            installSignals();
+            playerManager.start("manager");
+
+            if (ipc.Listen(kListenBacklog) != 0) {
+                LOG_SOCKET("ipc.Listen() ... fial");
+                debug_write_log(g_cmdLogPath.c_str(), "Listen() [fail]");
+                throw "ipc.Listen";
             }
-            waitForStopSignal();
-            LOG_NOTE("stopping: finishing the requests in flight");
-            server.shutdown();
+
+            {
+                ipc::serverOptions_s options;
+                options.maxConnections = connectionLimit();
+                options.maxWorkers = kMaxWorkers;
+                options.requestTimeout = options.answerTimeout = std::chrono::seconds(framing::kIoTimeoutSec);
+                ipc::ConnectionServer server(
+                    ipc.getSockFd(),
+                    [&](std::string& request, const ipc::Peer& peer) {
+                        return answerRequest(playerManager, request, peer);
+                    },
+                    onAcceptError, options);
+                if (int rc = server.start(); rc != 0) {
+                    LOG_ERR("cannot start serving connections: %s", std::strerror(rc));
+                    throw "connection server";
+                }
+                waitForStopSignal();
+                LOG_NOTE("stopping: finishing the requests in flight");
+                server.shutdown();
+            }
+            playerManager.stopThread();
         }
-        playerManager.stopThread();
         CGlobalsSingleton<CSqlitePlaylist>::reset();
     } catch (const char* what) {
         LOG_ERR("exception: %s", what);
