@@ -178,31 +178,8 @@ if __name__ == "__main__":
 
 
 def ensure_running(state_dir, length=10.0, wait=5.0):
-    """The port of the receiver of STATE_DIR, started (detached, in a session of its
-    own) when it does not run yet; None when it does not come up in time."""
-    import subprocess
-    os.makedirs(state_dir, exist_ok=True)
-    try:
-        with open(os.path.join(state_dir, "pid")) as f:
-            os.kill(int(f.read()), 0)
-        with open(os.path.join(state_dir, "port")) as f:
-            return int(f.read())
-    except (OSError, ValueError):
-        pass
-    for name in ("port", "pid"):
-        try:
-            os.unlink(os.path.join(state_dir, name))
-        except OSError:
-            pass
-    subprocess.Popen([sys.executable or "/usr/bin/python3", os.path.abspath(__file__), state_dir,
-                      "--length", str(length)],
-                     stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                     start_new_session=True, close_fds=True)
-    deadline = time.monotonic() + wait
-    while time.monotonic() < deadline:
-        try:
-            with open(os.path.join(state_dir, "port")) as f:
-                return int(f.read())
-        except (OSError, ValueError):
-            time.sleep(0.02)
-    return None
+    """The port of the receiver of STATE_DIR, started when it does not run yet; None when it
+    does not come up in time."""
+    import simcommon
+    return simcommon.ensure_server(state_dir, [sys.executable or "/usr/bin/python3", os.path.abspath(__file__),
+                                               state_dir, "--length", str(length)], wait)

@@ -8,8 +8,6 @@ directory is removed.
 
 import json
 import os
-import subprocess
-import time
 
 
 def config(root):
@@ -24,38 +22,14 @@ def state_dir(root, receiver_id):
     return os.path.join(root, "var/sim/cast", receiver_id)
 
 
-def _read_int(path):
-    with open(path) as f:
-        return int(f.read())
-
-
 def ensure_running(root, cfg, receiver, wait=15.0):
-    """The port of RECEIVER, started (detached, in a session of its own) when it does not run;
-    None when it does not come up in time."""
+    """The port of RECEIVER, started when it does not run; None when it does not come up in time
+    (the first start also makes the TLS certificate)."""
+    import simcommon
     d = state_dir(root, receiver["id"])
-    os.makedirs(d, exist_ok=True)
-    try:
-        os.kill(_read_int(os.path.join(d, "pid")), 0)
-        return _read_int(os.path.join(d, "port"))
-    except (OSError, ValueError):
-        pass
-    for name in ("port", "pid"):
-        try:
-            os.unlink(os.path.join(d, name))
-        except OSError:
-            pass
     argv = [cfg["node"], cfg["receiver"], "--state-dir", d, "--exit-with-dir",
             "--durations", os.path.join(root, "var/sim/cast/durations.json")]
-    with open(os.path.join(d, "stderr"), "ab") as err:
-        subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err,
-                         start_new_session=True, close_fds=True)
-    deadline = time.monotonic() + wait  # the first start also makes the TLS certificate
-    while time.monotonic() < deadline:
-        try:
-            return _read_int(os.path.join(d, "port"))
-        except (OSError, ValueError):
-            time.sleep(0.02)
-    return None
+    return simcommon.ensure_server(d, argv, wait, stderr_path=os.path.join(d, "stderr"))
 
 
 def avahi_lines(root):

@@ -95,3 +95,41 @@ def real_program(name, own_path):
         if os.path.isfile(path) and os.access(path, os.X_OK) and os.path.realpath(path) != own:
             return path
     return None
+
+
+def _read_int(path):
+    with open(path) as f:
+        return int(f.read())
+
+
+def ensure_server(state_dir, argv, wait, stderr_path=None):
+    """The port of the simulated network server whose pid and port files are in STATE_DIR,
+    started from ARGV (detached, in a session of its own) when it does not run; None when it
+    does not come up within WAIT seconds."""
+    import subprocess
+    import time
+    os.makedirs(state_dir, exist_ok=True)
+    try:
+        os.kill(_read_int(os.path.join(state_dir, "pid")), 0)
+        return _read_int(os.path.join(state_dir, "port"))
+    except (OSError, ValueError):
+        pass
+    for name in ("port", "pid"):
+        try:
+            os.unlink(os.path.join(state_dir, name))
+        except OSError:
+            pass
+    err = open(stderr_path, "ab") if stderr_path else subprocess.DEVNULL
+    try:
+        subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err,
+                         start_new_session=True, close_fds=True)
+    finally:
+        if stderr_path:
+            err.close()
+    deadline = time.monotonic() + wait
+    while time.monotonic() < deadline:
+        try:
+            return _read_int(os.path.join(state_dir, "port"))
+        except (OSError, ValueError):
+            time.sleep(0.02)
+    return None
