@@ -112,15 +112,9 @@ void ChromecastService::closeSender() {
     closeFd();
 }
 
-bool ChromecastService::inited() {
-    std::lock_guard lock(m_mutex);
-    return m_inited;
-}
+bool ChromecastService::inited() const { return m_inited; }
 
-pid_t ChromecastService::senderPid() {
-    std::lock_guard lock(m_mutex);
-    return m_inited ? m_sender.pid() : -1;
-}
+pid_t ChromecastService::senderPid() const { return m_inited ? m_senderPid.load() : -1; }
 
 std::string ChromecastService::genStatusXml(int status, const char* error) {
     std::string out = "<?xml version=\"1.0\"?><status>" + std::to_string(status) + "</status><error>";
@@ -236,6 +230,7 @@ int ChromecastService::setContentUrl(Response& response, std::string message) {
             LOG_ERR("init failed");
             return err;
         }
+        m_senderPid = m_sender.pid();
         m_inited = true;
         if (const int rc = sendMessage(plainLine("LAUNCH"), reply, 0); rc != 0) {
             LOG_ERR("sendMessage failed: %s", reply.c_str());

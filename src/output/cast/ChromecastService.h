@@ -43,9 +43,10 @@ public:
 
     // Ends the sender (if any) and forgets the launch: the next load starts afresh.
     void closeSender();
-    // The sender runs and the pipes are open.
-    bool inited();
-    pid_t senderPid();
+    // The sender runs and the pipes are open. Both read without waiting for an exchange under
+    // way (a status dump must not wait out a silent sender).
+    bool inited() const;
+    pid_t senderPid() const;
 
     // The sender's argument vector; the port is only given when it is not the default one.
     static std::vector<std::string> senderArgv(const std::string& ip, int port);
@@ -71,6 +72,7 @@ private:
     // Guards everything below and the Service's address: one exchange at a time.
     std::mutex m_mutex;
     Subprocess m_sender;
-    bool m_inited = false;
+    std::atomic<bool> m_inited{false};   // written under m_mutex
+    std::atomic<pid_t> m_senderPid{-1};  // likewise
     bool m_launched = false;
 };
