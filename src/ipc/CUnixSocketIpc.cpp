@@ -55,26 +55,11 @@ int CUnixSocketIpc::Connect(int timeoutSec) {
     return rc;
 }
 
-int CUnixSocketIpc::Accept() {
-    int fd;
-    do {
-        fd = ::accept4(m_sockFd, nullptr, nullptr, SOCK_CLOEXEC);
-    } while (fd < 0 && errno == EINTR);
-    m_acceptedFd = fd;
-    return fd;
-}
-
-int CUnixSocketIpc::fdFor(int fd) const {
-    if (!m_bServer) return m_sockFd;
-    return fd >= 0 ? fd : m_acceptedFd.load();
-}
-
-ssize_t CUnixSocketIpc::Read(void* buf, size_t len, int fd) {
+ssize_t CUnixSocketIpc::Read(void* buf, size_t len) {
     std::memset(buf, 0, len);
-    int target = fdFor(fd);
-    int retries = m_bServer ? 0 : kClientReadRetries;
+    int retries = kClientReadRetries;
     for (;;) {
-        ssize_t n = ::read(target, buf, len);
+        ssize_t n = ::read(m_sockFd, buf, len);
         if (n >= 0) return n;
         if (errno == EINTR) continue;
         if ((errno == EAGAIN || errno == ETIMEDOUT) && retries-- > 0) continue;
@@ -82,12 +67,10 @@ ssize_t CUnixSocketIpc::Read(void* buf, size_t len, int fd) {
     }
 }
 
-ssize_t CUnixSocketIpc::Write(const void* buf, size_t len, int fd) {
-    int target = fdFor(fd);
+ssize_t CUnixSocketIpc::Write(const void* buf, size_t len) {
     for (;;) {
-        ssize_t n = ::send(target, buf, len, MSG_NOSIGNAL);
+        ssize_t n = ::send(m_sockFd, buf, len, MSG_NOSIGNAL);
         if (n >= 0 || errno != EINTR) return n;
     }
 }
 
-int CUnixSocketIpc::Close(int fd) { return ::close(fd); }

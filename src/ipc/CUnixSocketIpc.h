@@ -6,7 +6,6 @@
 #include <sys/types.h>
 #include <sys/un.h>
 
-#include <atomic>
 
 class CUnixSocketIpc {
 public:
@@ -23,25 +22,18 @@ public:
     // Client: sets receive and send time-outs (30 s unless given; the send one also bounds a
     // connect to a daemon whose listen queue is full), then connects. 0 or -1.
     int Connect(int timeoutSec = kIoTimeoutSec);
-    // Server: accepts one connection (retrying on EINTR); the descriptor or -1. Several
-    // threads may wait in Accept at once.
-    int Accept();
-    // One read (server: from fd, or the last accepted when fd < 0; client: the connection).
-    // Clears len bytes of buf first. Retries EINTR; a client retries EAGAIN/ETIMEDOUT twice.
-    ssize_t Read(void* buf, size_t len, int fd = -1);
-    // One write to the same descriptor choice as Read, retried on EINTR. Never raises SIGPIPE.
-    ssize_t Write(const void* buf, size_t len, int fd = -1);
-    int Close(int fd);
+    // Client: one read of the connection. Clears len bytes of buf first. Retries EINTR, and
+    // EAGAIN/ETIMEDOUT twice. (The server's connections are the connection server's.)
+    ssize_t Read(void* buf, size_t len);
+    // Client: one write, retried on EINTR. Never raises SIGPIPE.
+    ssize_t Write(const void* buf, size_t len);
 
     int getSockFd() const { return m_sockFd; }
     const char* getPath() const { return m_addr.sun_path; }
 
 private:
-    int fdFor(int fd) const;
-
     sockaddr_un m_addr{};
     int m_sockFd = -1;
-    std::atomic<int> m_acceptedFd{-1};  // several threads may accept at once
     bool m_bServer;
     // The socket file this server bound (removed at the end only while it is still this one).
     dev_t m_boundDev = 0;
