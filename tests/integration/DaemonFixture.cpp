@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "ipc/Framing.h"
 #include "unit/support/Files.h"
 
 namespace itest {
@@ -100,24 +99,6 @@ int connectTo(const std::string& path) {
     if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return fd;
     if (fd >= 0) ::close(fd);
     return -1;
-}
-
-std::string readFramedAnswer(int fd) {
-    auto readAll = [fd](char* to, size_t size) {
-        for (size_t got = 0; got < size;) {
-            ssize_t n = ::read(fd, to + got, size - got);
-            if (n <= 0) return false;
-            got += static_cast<size_t>(n);
-        }
-        return true;
-    };
-    char header[framing::kHeaderSize];
-    if (!readAll(header, sizeof header)) return {};
-    long long len = framing::parseHeader(header, sizeof header);
-    std::string body(len < 0 ? 0 : static_cast<size_t>(len), '\0');
-    if (len < 0 || !readAll(body.data(), body.size())) return {};
-    [[maybe_unused]] ssize_t n = ::write(fd, "A", 1);
-    return body;
 }
 
 }  // namespace itest

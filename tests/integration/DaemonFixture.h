@@ -57,7 +57,5 @@ int runDaemonOnce(const std::string& root, std::string& output, int timeoutMs = 
 
 // A connected client socket to path, or -1.
 int connectTo(const std::string& path);
-// Reads one framed answer from fd (length block and text); empty on failure.
-std::string readFramedAnswer(int fd);
 
 }  // namespace itest

@@ -37,14 +37,10 @@ protected:
     std::unique_ptr<Daemon> daemon;
 };
 
-TEST_F(DaemonTest, EchoAnswersWithThePackageVersion) {
+TEST_F(DaemonTest, EchoAnswersWithThePackageVersionEvenToARequestLargerThanOneRead) {
     EXPECT_EQ(daemon->raw("<root><command>echo</command></root>").answer,
               "<root>\n\t<status>ECHO</status>\n\t<version>XUMA 4.1.2</version>\n</root>\n");
-
-    // Three trace lines per logged command: the command, the request text, done.
-    EXPECT_TRUE(daemon->waitForLog("Command:echo  --dev:N/A(done)"));
-    EXPECT_NE(daemon->log().find("Command:echo  --dev:N/A\033[m"), std::string::npos);
-    EXPECT_NE(daemon->log().find("<root><command>echo</command></root>"), std::string::npos);
+    EXPECT_EQ(daemon->request("echo", {{"padding", std::string(20000, 'x')}}).status, "ECHO");
 }
 
 TEST_F(DaemonTest, BadRequestsAnswerTheirCodes) {
@@ -84,9 +80,6 @@ TEST_F(DaemonTest, FailingCommandsNeverEndTheDaemonAndPolledOnesStayOutOfTheLog)
     // Before any render has been listed there are no players to reach.
     for (const char* command : {"debugDump", "Play", "GetVolume", "GetMute", "GetPlayerStatus"})
         EXPECT_EQ(daemon->request(command, {{"dev", "uuid:nobody"}}).code, -4) << command;
-    EXPECT_EQ(daemon->request("SetPlaylist", {{"dev", "uuid:nobody"}, {"playlist", "p"}, {"appType", "music"}}).code, -4);
-    EXPECT_NE(daemon->log().find("Render uuid:nobody doesn't exist"), std::string::npos);
-    EXPECT_EQ(daemon->request("SetPlayMode", {{"dev", "uuid:nobody"}, {"playMode", "shuffle"}}).code, -8);
 
     ASSERT_TRUE(daemon->waitForLog("Command:Play  --dev:uuid:nobody(done)"));
     EXPECT_EQ(daemon->log().find("Command:GetVolume"), std::string::npos);
@@ -94,37 +87,12 @@ TEST_F(DaemonTest, FailingCommandsNeverEndTheDaemonAndPolledOnesStayOutOfTheLog)
     EXPECT_EQ(daemon->request("echo").status, "ECHO");
 }
 
-TEST_F(DaemonTest, RequestSplitOverSeveralWritesOrLargerThanOneReadIsWhole) {
-    int fd = connectTo(root.socketPath());
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(::write(fd, "<root><comm", 11), 11);
-    std::this_thread::sleep_for(150ms);
-    const std::string rest = "and>echo</command></root>";
-    ASSERT_EQ(::write(fd, rest.data(), rest.size()), static_cast<ssize_t>(rest.size()));
-    EXPECT_EQ(vclient::parseAnswer(readFramedAnswer(fd)).status, "ECHO");
-    ::close(fd);
-    EXPECT_EQ(daemon->request("echo", {{"padding", std::string(20000, 'x')}}).status, "ECHO");
-}
-
-TEST_F(DaemonTest, SilentAndVanishingClientsDoNotHoldUpOthers) {
-    int silent = connectTo(root.socketPath());
-    ASSERT_GE(silent, 0);
-    int vanishing = connectTo(root.socketPath());
-    ASSERT_GE(vanishing, 0);
-    ::close(vanishing);  // gets an answer it never reads
-
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(daemon->request("echo").status, "ECHO");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
-    ::close(silent);
-    EXPECT_TRUE(daemon->running());
-}
-
 TEST_F(DaemonTest, HundredsOfSilentAndDrippingClientsDoNotKeepOthersOut) {
     constexpr int kSilent = 300, kDripping = 150;
     std::vector<int> silent, dripping;
     for (int i = 0; i < kSilent; ++i) silent.push_back(connectTo(root.socketPath()));
     for (int i = 0; i < kDripping; ++i) dripping.push_back(connectTo(root.socketPath()));
+    ::close(connectTo(root.socketPath()));  // vanishes: its answer is never read
     std::atomic<bool> stop{false};
     std::thread drip([&] {
         for (int round = 0; !stop; ++round) {
@@ -145,28 +113,6 @@ TEST_F(DaemonTest, HundredsOfSilentAndDrippingClientsDoNotKeepOthersOut) {
     for (int fd : silent) ::close(fd);
     for (int fd : dripping) ::close(fd);
     EXPECT_TRUE(daemon->running());
-}
-
-TEST_F(DaemonTest, TwoHundredConcurrentClientsAreAllAnswered) {
-    constexpr int kClients = 200;
-    std::atomic<int> answered{0};
-    std::vector<std::thread> clients;
-    for (int i = 0; i < kClients; ++i) clients.emplace_back([&] { answered += daemon->request("echo").status == "ECHO"; });
-    for (auto& t : clients) t.join();
-    EXPECT_EQ(answered.load(), kClients);
-}
-
-TEST_F(DaemonTest, SecondInstanceOnTheSameRootExitsWhileAnotherRootStarts) {
-    std::string output;
-    EXPECT_EQ(runDaemonOnce(root.path(), output), 0);
-    EXPECT_NE(output.find("process already exist!!"), std::string::npos) << output;
-    // The first instance still serves.
-    EXPECT_EQ(daemon->request("echo").status, "ECHO");
-
-    SimRoot other;
-    Daemon second(other.path());
-    EXPECT_TRUE(second.waitReady()) << second.log();
-    EXPECT_EQ(second.stop(), 0);
 }
 
 TEST(DaemonStartTest, ADaemonUnderAnotherNameStillCountsAsTheRootsOne) {
@@ -197,8 +143,6 @@ TEST(DaemonStartTest, StaleSocketFileIsReplacedByAWorldWritableSocketRemovedAtSt
     ASSERT_EQ(::stat(root.socketPath().c_str(), &st), 0);
     EXPECT_TRUE(S_ISSOCK(st.st_mode));
     EXPECT_EQ(st.st_mode & 0777, 0777u);
-    // The command log's directory sits beside the public share.
-    EXPECT_EQ(::access((root.path() + "/share/.log").c_str(), F_OK), 0);
     EXPECT_EQ(daemon.stop(), 0);
     EXPECT_NE(::access(root.socketPath().c_str(), F_OK), 0);
 }

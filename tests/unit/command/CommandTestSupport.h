@@ -17,20 +17,6 @@
 using FakePlayer = testsupport::FakePlayer;
 using TestManager = testsupport::FakeManager;
 
-namespace testsupport {
-
-// Runs a command through the table as the dispatcher does; the answer lands in `answer`.
-inline int runCommand(CPlayerManager& manager, const std::string& command, const vclient::Params& params,
-                      XMLNode& answer) {
-    XMLNode request = XMLNode::parseString(vclient::buildRequest(command, params), "root");
-    answer = XMLNode();
-    commandHandler_t handler = findCommand(command.c_str());
-    EXPECT_NE(handler, nullptr) << command;
-    return handler ? handler(manager, request, answer) : -7;
-}
-
-}  // namespace testsupport
-
 class CommandTest : public testsupport::SimRootTest {
 protected:
     void SetUp() override {
@@ -48,8 +34,13 @@ protected:
         SimRootTest::TearDown();
     }
 
+    // Runs a command through the table as the dispatcher does; the answer lands in `answer`.
     int run(const std::string& command, const vclient::Params& params = {}) {
-        return testsupport::runCommand(*manager, command, params, answer);
+        XMLNode request = XMLNode::parseString(vclient::buildRequest(command, params), "root");
+        answer = XMLNode();
+        commandHandler_t handler = findCommand(command.c_str());
+        EXPECT_NE(handler, nullptr) << command;
+        return handler ? handler(*manager, request, answer) : -7;
     }
     const char* field(const char* name) { return answer.getChildNode(name).getText(); }
     // Lists the render and gives it a player on the playlist, as a client would.

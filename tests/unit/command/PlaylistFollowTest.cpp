@@ -78,16 +78,4 @@ TEST_F(PlaylistFollowTest, DeletedEntriesLeaveTheQueue) {
     EXPECT_EQ(tv->getPlaylistTitle(), nullptr);
 }
 
-TEST_F(PlaylistFollowTest, RevivedPlayerKeepsItsQueue) {
-    ASSERT_EQ(tv->setCurrTrack(1), 0);
-    manager->listOnly({"uuid:other"});  // four listings without it
-    for (int pass = 0; pass < 4; ++pass) manager->housekeepingPass();
-    EXPECT_EQ(run("Play", {{"dev", "uuid:tv"}}), -4);
-
-    manager->list("uuid:tv");
-    ASSERT_EQ(run("SetPlaylist", {{"dev", "uuid:tv"}, {"playlist", "Mix"}, {"appType", "music"}}), 0);
-    EXPECT_EQ(manager->player("uuid:tv"), tv);
-    EXPECT_EQ(queue(), (std::vector<std::string>{"a", "b", "c", "d"}));
-}
-
 }  // namespace

@@ -8,9 +8,6 @@
 
 namespace {
 
-const std::string kCastKitchen =
-    "=;eth0;IPv4;Kitchen\\032Speaker;_googlecast._tcp;local;k.local;192.168.1.21;8009;"
-    "\"id=kk22\" \"md=Google Nest Audio\" \"ic=/setup/icon.png\" \"fn=Kitchen\" \"ca=2052\"";
 const std::string kCastTv =
     "=;eth0;IPv4;Living\\032Room;_googlecast._tcp;local;t.local;192.168.1.20;8009;"
     "\"id=tv11\" \"md=Chromecast\" \"ic=/setup/icon.png\" \"fn=Living Room TV\" \"st=0\"";
@@ -40,22 +37,6 @@ TEST(DecodeAvahi, UndoesDecimalAndCharacterEscapes) {
     EXPECT_EQ(decodeAvahi(nullptr, out), 1);
 }
 
-TEST(ParseDevices, ChromecastDeviceCarriesNameAddressTxtAndType) {
-    XMLNode root = reply();
-    ASSERT_EQ(parseDevices(kCastTv + "\n" + kCastKitchen, root, AVAHI_CHROMECAST_E), 0);
-    ASSERT_EQ(root.nChildNode("device"), 2);
-
-    XMLNode tv = root.getChildNode("device", 0);
-    EXPECT_STREQ(tv.getAttribute("Type"), "Chromecast");
-    EXPECT_STREQ(childText(tv, "deviceName"), "Living Room TV");  // fn wins over the service name
-    EXPECT_STREQ(tv.getChildNode("ip").getAttribute("interface"), "eth0");
-    EXPECT_STREQ(childText(tv, "type"), "video,photo,audio");
-    EXPECT_STREQ(tv.getChildNode("type").getAttribute("port"), "8009");
-
-    // A speaker-only receiver is listed for audio alone.
-    EXPECT_STREQ(childText(root.getChildNode("device", 1), "type"), "audio");
-}
-
 TEST(ParseDevices, SkipsUnresolvedMalformedAndRepeatedRecords) {
     const std::string other = kCastTv.substr(0, kCastTv.find("192.168.1.20")) + "192.168.1.99;8009;\"id=tv99\"";
     std::string wlan = kCastTv;
@@ -76,17 +57,6 @@ TEST(ParseDevices, SkipsUnresolvedMalformedAndRepeatedRecords) {
     EXPECT_STREQ(childText(root.getChildNode("device", 1), "deviceName"), "Living Room");
 
     EXPECT_EQ(parseDevices("", root, AVAHI_CHROMECAST_E), -1);
-}
-
-TEST(GenAvahiDevice, DropsTheFinalNewline) {
-    XMLNode root = reply();
-    EXPECT_EQ(gen_avahi_device(1, "", root), 0);
-    ASSERT_EQ(gen_avahi_device(1, kCastTv + "\n", root), 0);
-    // Without the newline the last character of the last line is what goes.
-    ASSERT_EQ(gen_avahi_device(1, kCastKitchen, root), 0);
-    ASSERT_EQ(root.nChildNode("device"), 2);
-    EXPECT_STREQ(childText(root.getChildNode("device", 0), "deviceName"), "Living Room TV");
-    EXPECT_STREQ(childText(root.getChildNode("device", 1), "deviceName"), "Kitchen");
 }
 
 namespace {

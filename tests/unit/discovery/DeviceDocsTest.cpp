@@ -79,7 +79,6 @@ TEST_F(DeviceDocsTest, UsbAndAnalogOutputDocuments) {
     EXPECT_STREQ(usb.getAttribute("card"), "1");
     EXPECT_STREQ(childText(usb, "deviceId"), "usb1");
     EXPECT_STREQ(childText(usb, "ip"), "2");
-    EXPECT_STREQ(childText(usb, "icon"), "v3_menu/multizone/alsa_usb");
     EXPECT_STREQ(childText(usb, "cardStatus"), "state: RUNNING");
     EXPECT_STREQ(childText(attr(usb, "SAMPLERATE"), "CurrentSetting"), "Auto");
     EXPECT_STREQ(childText(attr(usb, "SAMPLERATE"), "CurrentValue"), "96000");
@@ -104,9 +103,6 @@ TEST_F(DeviceDocsTest, UnreadableCardStatusIsUnknown) {
     EXPECT_FALSE(dev.isAttributeSet("card"));
     EXPECT_FALSE(dev.isAttributeSet("device"));
     EXPECT_STREQ(childText(attr(dev, "SAMPLERATE"), "CurrentSetting"), "96000");  // a fixed rate
-    char buf[64];
-    EXPECT_EQ(checkCardStatus(-1, 0, buf, sizeof buf), 1);
-    EXPECT_EQ(checkCardStatus(1, 0, nullptr, 0), 1);
 }
 
 TEST_F(DeviceDocsTest, HdmiMonitorNames) {

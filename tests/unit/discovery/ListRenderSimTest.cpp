@@ -70,6 +70,10 @@ protected:
         return r;
     }
     int calls(const std::string& program, const std::string& argument) { return callLog.count(program, {argument}); }
+    // Runs of the media agent's list, of avahi-browse, of mpc outputs and of the package check.
+    std::vector<int> refreshes() {
+        return {calls("tessaly", "list"), calls("avahi-browse", "-rkpt"), calls("mpc", "outputs"), calls("yarrow", "Enable")};
+    }
     void simctl(std::vector<std::string> args) {
         args.insert(args.begin(), s_root + "/var/sim/simctl");
         const ProcessResult r = runProcess(args);
@@ -103,18 +107,18 @@ TEST_F(ListRenderSimTest, ListsEverySourceAndFillsTheRenderCache) {
 
     EXPECT_EQ(cached(kTvId).IP, "192.168.1.30");
     EXPECT_EQ(cached(kSpeakerId).type, kDlna | kCapAudio);
-    EXPECT_EQ(cached(kKitchenCastId).type, kChromecast | kCapAudio);
+    EXPECT_EQ(cached(kKitchenCastId).type, kChromecast | kCapAudio);  // a speaker-only receiver
+    EXPECT_EQ(cached(kLivingCastId).type, kChromecast | kCapVideo | kCapPhoto | kCapAudio);
+    EXPECT_EQ(cached(kLivingCastId).port, 8009);
     EXPECT_EQ(cached("HDMI_hdmi-3").type, kAlsa | kAlsaHdmi | kCapAudio);
     EXPECT_EQ(cached("usb_dac").type, kAlsa | kAlsaUsb | kCapAudio);
     EXPECT_EQ(cached("usb_dac").card, "1");
     EXPECT_EQ(cached("HDMI_hdmi-3").device, "3");
 
     // The exact command lines the platform programs received.
-    EXPECT_EQ(calls("tessaly", "list"), 1);
+    EXPECT_EQ(refreshes(), (std::vector<int>{1, 3, 1, 1}));
     for (const char* type : {"_airplay._tcp", "_raop._tcp", "_googlecast._tcp"})
         EXPECT_EQ(calls("avahi-browse", type), 1) << type;
-    EXPECT_EQ(calls("mpc", "outputs"), 1);
-    EXPECT_EQ(calls("yarrow", "Enable"), 1);
 }
 
 TEST_F(ListRenderSimTest, EverySourceIsReusedForTenSeconds) {
@@ -123,20 +127,14 @@ TEST_F(ListRenderSimTest, EverySourceIsReusedForTenSeconds) {
 
     s_now += 10;
     ASSERT_EQ(listRender(), 0);
-    EXPECT_EQ(calls("tessaly", "list"), 1);
-    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 3);
-    EXPECT_EQ(calls("mpc", "outputs"), 1);
-    EXPECT_EQ(calls("yarrow", "Enable"), 1);
+    EXPECT_EQ(refreshes(), (std::vector<int>{1, 3, 1, 1}));
     EXPECT_EQ(devices().count(kSpeakerId), 1u);
     EXPECT_EQ(devices().count(kKitchenCastId), 1u);  // the stored browse output is listed again
     EXPECT_EQ(devices().count("usb_dac"), 1u);
 
     s_now += 1;
     ASSERT_EQ(listRender(), 0);
-    EXPECT_EQ(calls("tessaly", "list"), 2);
-    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 6);
-    EXPECT_EQ(calls("mpc", "outputs"), 2);
-    EXPECT_EQ(calls("yarrow", "Enable"), 2);
+    EXPECT_EQ(refreshes(), (std::vector<int>{2, 6, 2, 2}));
     EXPECT_EQ(devices().count(kSpeakerId), 0u);
     // The vanished renderer stays cached, no longer marked as found.
     EXPECT_EQ(cached(kSpeakerId).found, 0);
@@ -158,10 +156,7 @@ TEST_F(ListRenderSimTest, ConcurrentListingsShareOneRefresh) {
         });
     for (std::thread& t : callers) t.join();
     for (int n : listed) EXPECT_EQ(n, 7);
-    EXPECT_EQ(calls("tessaly", "list"), 1);
-    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 3);
-    EXPECT_EQ(calls("mpc", "outputs"), 1);
-    EXPECT_EQ(calls("yarrow", "Enable"), 1);
+    EXPECT_EQ(refreshes(), (std::vector<int>{1, 3, 1, 1}));
 }
 
 TEST_F(ListRenderSimTest, RenderTypeFiltersTheSources) {
@@ -233,8 +228,8 @@ TEST(RenderTypeMask, NamesAndHexMasks) {
     EXPECT_EQ(renderlisting::parseRenderTypeMask(nullptr), 0u);
 }
 
-// Names, addresses, USB and HDMI outputs and a vanished render, as the simulated listing has them,
-// are checked above.
+// Names, addresses, Chromecast receivers, USB and HDMI outputs and a vanished render, as the
+// simulated listing has them, are checked above.
 TEST(RenderCacheRefresh, TypeAndCapabilityBits) {
     using namespace playertype;
     CPlayerManager manager(nullptr, 3600);
@@ -247,8 +242,6 @@ TEST(RenderCacheRefresh, TypeAndCapabilityBits) {
         "<type>video</type></device>"
         "<device Type=\"ALSA\" Subtype=\"SPDIF\"><deviceId>spdif</deviceId><deviceName>Optical</deviceName>"
         "<type>audio</type><ip>4</ip></device>"
-        "<device Type=\"Chromecast\"><deviceName>Kitchen</deviceName><ip>10.0.0.9</ip><deviceId>kk</deviceId>"
-        "<type protocol=\"chromecast\" port=\"8009\">audio</type></device>"
         "<device Type=\"AirPlay\"><deviceName>Box</deviceName><ip>10.0.0.8</ip><deviceId>0011</deviceId>"
         "<type protocol=\"airplay\" port=\"7100\">video,photo</type></device>"
         "<device Type=\"Raop\"><deviceName>Amp</deviceName><ip>10.0.0.5</ip><deviceId>amp</deviceId>"
@@ -266,7 +259,7 @@ TEST(RenderCacheRefresh, TypeAndCapabilityBits) {
 
     renderCacheInfo_s r;
     for (auto [id, type, port] : {std::tuple("uuid:den", kDlna | kCapVideo | kCapPhoto, 0),
-                                  std::tuple("spdif", kAlsa | kCapAudio, 0), std::tuple("kk", kChromecast | kCapAudio, 8009),
+                                  std::tuple("spdif", kAlsa | kCapAudio, 0),
                                   std::tuple("0011", kAirplay | kCapVideo | kCapPhoto, 7100),
                                   std::tuple("amp", kRaop | kCapAudio, 5000)}) {
         ASSERT_TRUE(cached(id, r)) << id;

@@ -1,4 +1,4 @@
-// Paths, time texts, the command log and the stack dump.
+// Paths, time texts and the command log.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -8,9 +8,7 @@
 
 #include "UtilTestSupport.h"
 #include "util/DebugLog.h"
-#include "util/Log.h"
 #include "util/PathUtil.h"
-#include "util/StackFrame.h"
 #include "util/TimeText.h"
 
 namespace {
@@ -53,21 +51,6 @@ TEST(RealPath, ResolvesDirectoriesButKeepsAFilesOwnName) {
     EXPECT_FALSE(is_file_exist((tmp / "real/none").c_str()));
 }
 
-TEST(StackDump, AppendsHeaderAndFramesBelowTheRoot) {
-    TempDir root;
-    testutil::makeDirs(root / "tmp");
-    testutil::RootGuard guard(root.path());
-    preload_stackframe();
-    show_stackframe("Velmora.dump", 11, 4321);
-    show_stackframe("Velmora.dump", 6, 99);
-    std::string dump = testutil::readFile(root / "tmp/Velmora.dump");
-    EXPECT_TRUE(std::regex_search(
-        dump, std::regex(R"(=== signal 11 from pid 4321 in pid \d+ at \d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC)")))
-        << dump;
-    EXPECT_NE(dump.find("=== signal 6 from pid 99"), std::string::npos);
-    EXPECT_NE(dump.find("unit_util"), std::string::npos) << "frames of this program";
-}
-
 TEST(TimeText, TextToSecondsAndBack) {
     struct {
         const char* text;
@@ -90,28 +73,4 @@ TEST(TimeText, TextToSecondsAndBack) {
     EXPECT_STREQ(tiny, "01:");
 }
 
-TEST(PathEscape, BackslashesShellSpecialsButNeverWritesPastTheBuffer) {
-    char out[32];
-    ASSERT_EQ(convert_utf8_linux_filepath("/share/Música/a b(1).mp3", out, sizeof out), 0);
-    EXPECT_STREQ(out, "/share/Música/a\\ b\\(1\\).mp3");
-    char guard[6] = {'x', 'x', 'x', 'x', 'x', 'Z'};
-    EXPECT_EQ(convert_utf8_linux_filepath_2("(((", guard, 5), -1);
-    EXPECT_EQ(guard[5], 'Z');
-}
-
 }  // namespace
-
-TEST(LogLevel, WarningsOnlyKeepsErrorsAndWarnings) {
-    vlog::setWarningsOnly(true);
-    testing::internal::CaptureStderr();
-    LOG_TRACE("a trace line");
-    LOG_AGENT("an agent line");
-    LOG_WARN("a warning line");
-    LOG_ERR("an error line");
-    const std::string out = testing::internal::GetCapturedStderr();
-    vlog::setWarningsOnly(false);
-    EXPECT_EQ(out.find("a trace line"), std::string::npos);
-    EXPECT_EQ(out.find("an agent line"), std::string::npos);
-    EXPECT_NE(out.find("a warning line"), std::string::npos);
-    EXPECT_NE(out.find("an error line"), std::string::npos);
-}

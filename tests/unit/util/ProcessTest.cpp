@@ -148,13 +148,6 @@ TEST(RunProcess, ManyThreadsAtOnceEachGetTheirOwnOutput) {
     expectNoChildren();
 }
 
-TEST(FormatCommandLine, QuotesOnlyWhatNeedsIt) {
-    EXPECT_EQ(formatCommandLine({"/sbin/yarrow", "-f", "/etc/config/x.conf", "-d", "0", "", "default_subtitle"}),
-              "/sbin/yarrow -f /etc/config/x.conf -d 0 \"\" default_subtitle");
-    EXPECT_EQ(formatCommandLine({"t", "a b", "$x", "it's", "\"`", "Música"}),
-              "t \"a b\" \"\\$x\" \"it's\" \"\\\"\\`\" Música");
-}
-
 TEST(Subprocess, TerminateEscalatesAndDestructorReaps) {
     TempDir dir;
     // Ignores SIGTERM, as does its child: only the SIGKILL after the grace period ends them.
