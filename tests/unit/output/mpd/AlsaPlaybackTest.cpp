@@ -4,7 +4,6 @@
 
 #include "AlsaTestSupport.h"
 #include "output/BackendTable.h"
-#include "player/CPlayerManager.h"
 
 namespace alsatest {
 namespace {
