@@ -14,7 +14,6 @@ TEST_F(PlayQueueTest, LoadFollowsThePlaylistAndKeepsTheIndex) {
     int id = makePlaylist("list", 4);
     auto p = playerWith("list");
     EXPECT_EQ(p->getPlaylistID(), id);
-    EXPECT_EQ(p->getOwner(), "alice");
     EXPECT_EQ(queueUuids(*p), storeUuids(id));
     EXPECT_TRUE(p->calls.empty());
     EXPECT_EQ(playerWith("missing")->getPlaylistID(), -1);

@@ -45,18 +45,6 @@ TEST(PlayerManagerTest, PlayerIsRetiredOnTheFourthMissedListingInARowAndRevived)
     EXPECT_EQ(m.getNumOfPlayer(), 2u);
 }
 
-TEST(PlayerManagerTest, DebugInfoNamesThePlayer) {
-    FakeManager m;
-    m.listOnly({"a"});
-    ASSERT_NE(m.add("a"), nullptr);
-    XMLNode out;
-    ASSERT_EQ(m.getDebugInfo("a", out), 0);
-    EXPECT_STREQ(out.getName(), "root");
-    EXPECT_STREQ(out.getChildNode(0).getText(), "state of a");
-    EXPECT_EQ(m.getDebugInfo("zzz", out), -4);
-    EXPECT_EQ(m.getDebugInfo(nullptr, out), -4);
-}
-
 TEST(PlayerManagerTest, ThreadStopsPromptly) {
     FakeManager m;
     ASSERT_EQ(m.start("manager"), 0);

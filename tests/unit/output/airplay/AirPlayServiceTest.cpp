@@ -89,12 +89,7 @@ TEST_F(AirPlayServiceTest, OutOfRangeValuesAndAMissingAddressSendNothing) {
     curl.prepareUrl();
     EXPECT_FALSE(curl.check());
     EXPECT_EQ(curl.airplayGetScrub(r), -1);
-    curl.setPort(-5);
-    EXPECT_EQ(curl.getPort(), 0);
     EXPECT_TRUE(rx.takeRequests().empty());
-
-    EXPECT_EQ(Response::fToString(1.0f), "1");
-    EXPECT_EQ(Response::fToString(0.5f), "0.5");
 }
 
 TEST_F(AirPlayServiceTest, RefusingSilentAndAbsentReceiversFailWithinTheTimeOut) {

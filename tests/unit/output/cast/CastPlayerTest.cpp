@@ -84,17 +84,6 @@ TEST_F(CastPlayerTest, AnApplicationClosedByAnotherSenderIsLaunchedAgainForTheNe
     EXPECT_EQ(callLog.count("node"), 2);
 }
 
-TEST_F(CastPlayerTest, RepeatWrapsRound) {
-    setSwitches(R"({"duration": 1})");
-    makePlaylist("two", {"01 Morning.mp3", "02 Rain & Thunder.mp3"});
-    auto p = player("two");
-    p->setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
-    ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Morning\"") >= 2; }));
-    EXPECT_EQ(p->getPlayerState(), STATE_PLAY_E);
-    EXPECT_EQ(p->stop(true), 0);
-}
-
 TEST_F(CastPlayerTest, ControlsReachTheSenderWithoutWaitingForIt) {
     setSwitches(R"({"duration": 60})");
     makePlaylist("one", {"01 Morning.mp3"});

@@ -122,6 +122,14 @@ protected:
 
     // The calls.log lines written since the last look.
     std::vector<std::string> newCalls() { return callLog.fresh(); }
+    // Appends the new calls.log lines to calls until done() holds (false after limit).
+    bool collectCalls(std::vector<std::string>& calls, milliseconds limit, const std::function<bool()>& done) {
+        auto more = [&] {
+            for (std::string& line : newCalls()) calls.push_back(std::move(line));
+            return done();
+        };
+        return waitFor(more, limit);
+    }
     // The agent's setAvTransportUrl lines among lines.
     static std::vector<std::string> loads(const std::vector<std::string>& lines) {
         std::vector<std::string> out;

@@ -68,7 +68,6 @@ TEST_F(RaopPlayerTest, EachOperationIsOneDatagramAndStopEndsTheSender) {
     ASSERT_EQ(p->pause(), 0);
     const int before = p->getCurrTimeSecondWithOutSeek();
     ASSERT_EQ(p->seek("00:01:30"), 0);
-    EXPECT_EQ(p->getSeekOffset(), "00:01:30");
     ASSERT_EQ(p->play(), 0);
     ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecondWithOutSeek() != before; }));
     EXPECT_GE(p->getCurrTimeSecondWithOutSeek(), 90) << "the position counts on from 90";

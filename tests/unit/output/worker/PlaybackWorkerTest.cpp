@@ -98,7 +98,6 @@ TEST_F(WorkerTest, TheEndOfATrackMovesOnByThePlayMode) {
     const Case cases[] = {
         {PLAYMODE_NORMAL_E, false, {"start 0", "start 1+", "start 2+"}},
         {PLAYMODE_REPEAT_E, false, {"start 0", "start 1+", "start 2+", "start 0+"}},
-        {PLAYMODE_REPEAT_ONE_E, false, {"start 0", "start 0+", "start 0+", "start 0+"}},
         // A back-end whose rule is to stop after each finished track.
         {PLAYMODE_REPEAT_E, true, {"start 0"}},
     };
