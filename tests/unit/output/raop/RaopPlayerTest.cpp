@@ -20,9 +20,11 @@ protected:
         CRaopPlayer::setTick(50ms);
         dir = m_root + "/share/Public/Music/raop-test";
         testsupport::makeDirs(dir);
-        for (auto [name, seconds] : {std::pair("long.mp3", 120), std::pair("a.mp3", 2), std::pair("b.mp3", 2)})
-            if (!testsupport::exists(dir + "/" + name))
+        for (auto [name, seconds] : {std::pair("long.mp3", 120), std::pair("a.mp3", 2), std::pair("b.mp3", 2)}) {
+            if (!testsupport::exists(dir + "/" + name)) {
                 ASSERT_TRUE(testsupport::makeTone(dir + "/" + name, 440, seconds, {"-ac", "1", "-ar", "22050", "-b:a", "32k"}));
+            }
+        }
     }
     void TearDown() override {
         std::remove((m_root + "/var/sim/raop.json").c_str());
