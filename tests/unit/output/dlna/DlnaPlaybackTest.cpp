@@ -149,7 +149,13 @@ TEST_F(DlnaTest, PauseFromEitherSideHoldsThePositionAndResumesWithoutReloading) 
     // Paused on the renderer's remote: the player parks and the monitor watches without acting.
     ASSERT_TRUE(renderer(kTvId, {"position=10", "outside=pause"}));
     ASSERT_TRUE(waitParkedIn(*p, STATE_PAUSE_E, seconds(10)));
-    std::this_thread::sleep_for(3 * kTick);
+    // The watch has seen the pause once a second look at the renderer has begun.
+    newCalls();
+    size_t looks = 0;
+    ASSERT_TRUE(waitFor([&] {
+        looks += count(newCalls(), agentCall({"-c", "getTransportInfo", "--uuid", kTvId}));
+        return looks >= 2;
+    }, seconds(10)));
     EXPECT_EQ(p->getPlayerState(), STATE_PAUSE_E);
     EXPECT_EQ(rendererState(), "PAUSED_PLAYBACK");
     // Played on the remote: resumed where it was, not loaded again.
