@@ -23,6 +23,9 @@ constexpr int kReaderTimeoutMs = 5000;
 // the file is unchanged, so a transient failure does not stick, yet a steady one costs at most
 // one program run per interval.
 constexpr auto kFailureRetry = std::chrono::seconds(10);
+// The file's stamp is looked at again at most this often: a version is asked for with every echo,
+// and a change (a package update) need not be seen at once.
+constexpr auto kStampRecheck = std::chrono::seconds(1);
 
 constexpr const char* kNullError = "Error: version or modlName is NULL";
 constexpr const char* kRunError = "Error: popen failed";
@@ -63,6 +66,7 @@ struct Entry {
     Stamp stamp;
     Lookup result;
     Clock::time_point retryAt;
+    Clock::time_point checkedAt;  // when stamp was last found to be the file's
 
     std::mutex loading;  // one reader run per entry at a time: a changed file is read once
 };
@@ -98,10 +102,17 @@ bool fresh(const Entry& e, const Stamp& s) {
 template <typename Loader>
 Lookup cached(const std::string& key, const std::string& confPath, Loader load) {
     Entry& e = cache().entry(key);
+    {
+        std::lock_guard lock(e.m);
+        if (Clock::now() - e.checkedAt < kStampRecheck && fresh(e, e.stamp)) return e.result;
+    }
     Stamp s = stampOf(confPath);
     {
         std::lock_guard lock(e.m);
-        if (fresh(e, s)) return e.result;
+        if (fresh(e, s)) {
+            e.checkedAt = Clock::now();
+            return e.result;
+        }
     }
     std::lock_guard loading(e.loading);
     s = stampOf(confPath);  // taken before the read: a change during it is seen next time
@@ -114,7 +125,8 @@ Lookup cached(const std::string& key, const std::string& confPath, Loader load) 
     e.valid = true;
     e.stamp = s;
     e.result = r;
-    e.retryAt = Clock::now() + kFailureRetry;
+    e.checkedAt = Clock::now();
+    e.retryAt = e.checkedAt + kFailureRetry;
     return r;
 }
 

@@ -9,6 +9,8 @@
 
 #include "UtilTestSupport.h"
 
+using namespace std::chrono_literals;
+
 namespace {
 
 class VersionTest : public testing::Test {
@@ -41,8 +43,9 @@ TEST_F(VersionTest, CachedUntilTheFileChanges) {
     EXPECT_EQ(testutil::readFile(m_root / "sbin/yarrow.calls"), "-f " + modl() + " XUMA Version\n");
     EXPECT_EQ(runs(), 1) << "served from the cache";
 
+    // The file is looked at again within a second or so, and read once when it has changed.
     ASSERT_TRUE(replace(modl(), "XUMA/Version=2.3.2\nOther/Version=1.0\n", 5));
-    EXPECT_EQ(getVersionText("XUMA"), "XUMA 2.3.2");
+    EXPECT_TRUE(testsupport::eventually([] { return getVersionText("XUMA") == "XUMA 2.3.2"; }, 10s));
     EXPECT_EQ(runs(), 2);
     EXPECT_EQ(getVersionText("Other"), "Other 1.0") << "each package has its own entry";
     EXPECT_EQ(runs(), 3);
@@ -70,7 +73,7 @@ TEST_F(VersionTest, ConcurrentCallersDuringAChange) {
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     ASSERT_TRUE(replace(modl(), "XUMA/Version=9.9.9\n", 10));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_TRUE(testsupport::eventually([] { return getVersionText("XUMA") == "XUMA 9.9.9"; }, 10s));
     stop = true;
     for (auto& th : threads) th.join();
     EXPECT_EQ(bad.load(), 0);
