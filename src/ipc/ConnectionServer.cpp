@@ -24,6 +24,9 @@ constexpr uint64_t kListenTag = 0;  // connection ids start at 1
 constexpr uint64_t kWakeTag = ~uint64_t{0};
 constexpr auto kAcceptRetry = std::chrono::milliseconds(100);
 constexpr auto kDropReportEvery = std::chrono::seconds(10);
+// How long the loop's thread may serve one request before the loop moves to another thread.
+constexpr auto kServeHereLimit = std::chrono::milliseconds(5);
+constexpr const char* kWorkerName = "ipc-worker";
 
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
@@ -34,7 +37,8 @@ ConnectionServer::ConnectionServer(int listenFd, Handler handler, ErrorFn onAcce
       m_handler(std::move(handler)),
       m_onAcceptError(std::move(onAcceptError)),
       m_options(options),
-      m_workers(options.maxWorkers, "ipc-worker"),
+      m_workers(std::max<size_t>(options.maxWorkers, 2), kWorkerName),
+      m_watch(kServeHereLimit, [this] { return handLoopOn(); }),
       m_table(options.requestTimeout, options.answerTimeout) {}
 
 ConnectionServer::~ConnectionServer() {
@@ -56,22 +60,34 @@ int ConnectionServer::start() {
     if (::epoll_ctl(m_epollFd, EPOLL_CTL_ADD, m_wakeFd, &ev) != 0) return errno;
     setListening(true);
     if (!m_bListening) return errno;
-    try {
-        m_thread = std::thread(&ConnectionServer::loop, this);
-    } catch (const std::system_error& e) {
-        return e.code().value();
-    }
+    if (const int err = m_watch.start(); err != 0) return err;
+    if (!m_workers.submit([this] { loop(0); })) return EAGAIN;
+    m_bStarted = true;
     return 0;
 }
 
 void ConnectionServer::shutdown() {
-    if (m_thread.joinable()) {
+    if (m_bStarted) {
+        m_bStarted = false;
         m_bStopping = true;
         const uint64_t one = 1;
         (void)!::write(m_wakeFd, &one, sizeof one);
-        m_thread.join();
+        // The watch stays until the loop has ended: a request the loop's thread is serving may
+        // still need the loop moved on to let the stop proceed.
+        std::unique_lock lock(m_loopMutex);
+        m_loopEnded.wait(lock, [this] { return m_bLoopEnded; });
     }
+    m_watch.stop();
     m_workers.finish();
+}
+
+bool ConnectionServer::handLoopOn() {
+    const uint64_t next = m_generation + 1;
+    m_generation = next;  // before the new loop can look at it
+    if (m_workers.submit([this, next] { loop(next); })) return true;
+    m_generation = next - 1;  // the serving thread is still inside its request: it never saw this
+    LOG_WARN("cannot move the event loop on: a slow request holds up the others until it ends");
+    return false;
 }
 
 void ConnectionServer::setListening(bool on) {
@@ -91,23 +107,18 @@ int ConnectionServer::waitMs(Clock::time_point now) const {
     return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(*next - now).count());
 }
 
-void ConnectionServer::loop() {
+void ConnectionServer::loop(uint64_t generation) {
     pthread_setname_np(pthread_self(), "ipc-events");
-    epoll_event events[256];
     for (;;) {
-        const int n = ::epoll_wait(m_epollFd, events, 256, waitMs(Clock::now()));
-        if (n < 0 && errno != EINTR) {
-            LOG_ERR("epoll_wait() ... fail: %s", std::strerror(errno));
-            break;
+        // A loop taken over goes on with the events its last thread had not come to.
+        while (m_nextEvent < m_eventCount) {
+            onReady(m_events[m_nextEvent++]);
+            if (m_generation.load() != generation) {  // moved on while a request was served here
+                pthread_setname_np(pthread_self(), kWorkerName);
+                return;
+            }
         }
-        Clock::time_point now = Clock::now();
-        for (int i = 0; i < n; ++i) {
-            const uint64_t tag = events[i].data.u64;
-            if (tag == kListenTag) acceptReady(now);
-            else if (tag == kWakeTag) takeAnswers(now);
-            else onEvent(tag, events[i].events, now);
-        }
-        now = Clock::now();
+        const Clock::time_point now = Clock::now();
         dropExpired(now);
         if (m_acceptRetryAt && *m_acceptRetryAt <= now) {
             m_acceptRetryAt.reset();
@@ -115,11 +126,30 @@ void ConnectionServer::loop() {
         }
         if (m_bStopping && !m_bStopBegun) beginStop();
         if (m_bStopBegun && m_table.size() == 0) break;
+        const int n = ::epoll_wait(m_epollFd, m_events, std::size(m_events), waitMs(now));
+        if (n < 0 && errno != EINTR) {
+            LOG_ERR("epoll_wait() ... fail: %s", std::strerror(errno));
+            break;
+        }
+        m_eventCount = std::max(n, 0);
+        m_nextEvent = 0;
     }
     // Only after a failed epoll_wait can connections be left.
     for (uint64_t id : m_table.idsIn(connection_s::Phase::Reading)) drop(id);
     for (uint64_t id : m_table.idsIn(connection_s::Phase::Answering)) drop(id);
     reportDropped(Clock::now(), true);
+    pthread_setname_np(pthread_self(), kWorkerName);
+    std::lock_guard lock(m_loopMutex);
+    m_bLoopEnded = true;
+    m_loopEnded.notify_all();
+}
+
+void ConnectionServer::onReady(const epoll_event& ev) {
+    const uint64_t tag = ev.data.u64;
+    const Clock::time_point now = Clock::now();
+    if (tag == kListenTag) acceptReady(now);
+    else if (tag == kWakeTag) takeAnswers(now);
+    else onEvent(tag, ev.events, now);
 }
 
 void ConnectionServer::acceptReady(Clock::time_point now) {
@@ -227,22 +257,43 @@ void ConnectionServer::readRequest(connection_s& c) {
 
 void ConnectionServer::dispatch(connection_s& c) {
     m_table.startServing(c);
+    if (m_table.countIn(connection_s::Phase::Serving) == 1 && !m_bStopBegun) {
+        serveHere(c);
+        return;
+    }
     const uint64_t id = c.id;
     auto job = [this, id, fd = c.fd, request = std::move(c.request)]() mutable {
-        done_s done{id, {}, 0};
-        try {
-            done.answer = m_handler(request, Peer(fd));
-        } catch (...) {
-            LOG_ERR("request handler ended by an exception");
-        }
-        request = std::string();
-        // Sent from here as far as the socket takes it: a short answer is out before the event
-        // thread hears of it. The connection stays the worker's until it is handed back.
-        done.sent = sendSome(fd, done.answer.bytes, 0);
-        handBack(std::move(done));
+        handBack(serve(id, fd, std::move(request)));
     };
     c.request = std::string();
     if (!m_workers.submit(std::move(job))) drop(id);
+}
+
+void ConnectionServer::serveHere(connection_s& c) {
+    const uint64_t id = c.id;
+    const uint64_t ticket = m_watch.begin();
+    done_s done = serve(id, c.fd, std::move(c.request));
+    if (m_watch.end(ticket)) {
+        settle(done, Clock::now());
+    } else {
+        // The loop went on elsewhere meanwhile: this thread is a worker now, and the connection
+        // (which the loop leaves alone while it is served) is handed back as a worker's is.
+        handBack(std::move(done));
+    }
+}
+
+ConnectionServer::done_s ConnectionServer::serve(uint64_t id, int fd, std::string request) {
+    done_s done{id, {}, 0};
+    try {
+        done.answer = m_handler(request, Peer(fd));
+    } catch (...) {
+        LOG_ERR("request handler ended by an exception");
+    }
+    request = std::string();
+    // Sent from here as far as the socket takes it: a short answer is out before the loop hears
+    // of it. The connection stays the serving thread's until it is handed back.
+    done.sent = sendSome(fd, done.answer.bytes, 0);
+    return done;
 }
 
 size_t ConnectionServer::sendSome(int fd, const std::string& bytes, size_t sent) {
@@ -282,18 +333,20 @@ void ConnectionServer::takeAnswers(Clock::time_point now) {
         std::lock_guard lock(m_doneMutex);
         done.swap(m_done);
     }
-    for (done_s& d : done) {
-        connection_s* c = m_table.find(d.id);
-        if (!c) continue;
-        m_table.startAnswering(*c, now);
-        if (d.answer.bytes.empty() || d.sent == kSendFailed) {
-            drop(c->id);
-            continue;
-        }
-        c->answer = std::move(d.answer);
-        c->sent = d.sent;
-        answerSent(*c);
+    for (done_s& d : done) settle(d, now);
+}
+
+void ConnectionServer::settle(done_s& done, Clock::time_point now) {
+    connection_s* c = m_table.find(done.id);
+    if (!c) return;
+    m_table.startAnswering(*c, now);
+    if (done.answer.bytes.empty() || done.sent == kSendFailed) {
+        drop(c->id);
+        return;
     }
+    c->answer = std::move(done.answer);
+    c->sent = done.sent;
+    answerSent(*c);
 }
 
 void ConnectionServer::writeAnswer(connection_s& c) {
