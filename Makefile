@@ -33,8 +33,8 @@ run: build-run
 	@echo "In a second terminal:"
 	@echo "  $(BUILD)/velmoractl --root $(RUN_ROOT) echo"
 	@echo "  $(BUILD)/velmoractl --root $(RUN_ROOT) --xml echo"
-	@echo "Stop it with Ctrl-C."
-	@exec $(BUILD)/Velmora --root $(RUN_ROOT)
+	@echo "Stop it with Ctrl-C (the simulated receivers stop with it)."
+	@trap true INT TERM; $(BUILD)/Velmora --root $(RUN_ROOT); sim/bin/simctl --root $(RUN_ROOT) stop-devices
 
 # Everything CI checks: the simulated appliance's own tests, then the unit and integration
 # tests in a normal build and under AddressSanitizer+UBSan and ThreadSanitizer.
