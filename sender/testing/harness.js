@@ -33,6 +33,14 @@ function exited(child) {
   });
 }
 
+function jsonLines(file) {
+  try {
+    return fs.readFileSync(file, 'utf8').split('\n').filter(Boolean).map((l) => JSON.parse(l));
+  } catch {
+    return [];
+  }
+}
+
 let certDir = null;
 
 /** A simulated receiver; ARGS are extra command-line options. */
@@ -60,13 +68,10 @@ async function startReceiver(args = []) {
       fs.writeFileSync(path.join(dir, 'switches.json.new'), JSON.stringify(sw));
       fs.renameSync(path.join(dir, 'switches.json.new'), path.join(dir, 'switches.json'));
     },
-    received() {
-      try {
-        return fs.readFileSync(path.join(dir, 'received.log'), 'utf8').split('\n').filter(Boolean).map((l) => JSON.parse(l));
-      } catch {
-        return [];
-      }
-    },
+    /** The messages the receiver got, in order. */
+    received: () => jsonLines(path.join(dir, 'received.log')),
+    /** The text tracks it fetched after a LOAD, and what it got. */
+    tracks: () => jsonLines(path.join(dir, 'tracks.log')),
     async stop() {
       if (proc.exitCode === null && proc.signalCode === null) proc.kill('SIGKILL');
       await exited(proc);

@@ -9,10 +9,13 @@
  * Listens on 127.0.0.1:N (0, the default: a free port), prints the port as its first line on
  * stdout and writes it to DIR/port (its pid to DIR/pid). The TLS key and self-signed
  * certificate are DIR/key.pem and DIR/cert.pem, made with openssl when missing. Every message
- * received is appended to DIR/received.log as one JSON line. See sim/README.md for the
- * switches (DIR/switches.json, SIGUSR1) and how durations are found.
+ * received is appended to DIR/received.log as one JSON line, every text track fetched to
+ * DIR/tracks.log. See sim/README.md for the switches (DIR/switches.json, SIGUSR1) and how
+ * durations are found.
  */
 const fs = require('fs');
+const http = require('http');
+const https = require('https');
 const path = require('path');
 const tls = require('tls');
 const crypto = require('crypto');
@@ -22,6 +25,8 @@ const { CastChannel, NS } = require('../../sender/lib/channel');
 const PLATFORM = 'receiver-0';
 const MEDIA_APP = 'CC1AD845';
 const IMAGE = /\.(jpe?g|png|gif|bmp|webp)$/i;
+// The page a real receiver's application runs in fetches text tracks cross-origin from here.
+const PAGE_ORIGIN = 'https://receiver.invalid';
 
 function parseArgs(argv) {
   const opts = { port: 0, speed: 1, buffering: 0.1, durations: null, stateDir: null, exitWithDir: false };
@@ -79,13 +84,57 @@ class Receiver {
   }
 
   record(conn, m) {
-    const line = JSON.stringify({ t: Date.now(), conn: conn.id, sourceId: m.sourceId, destinationId: m.destinationId,
+    this.append('received.log', { t: Date.now(), conn: conn.id, sourceId: m.sourceId, destinationId: m.destinationId,
       namespace: m.namespace, data: m.data !== null ? m.data : m.payload.toString() });
+  }
+
+  append(file, entry) {
     try {
-      fs.appendFileSync(path.join(this.dir, 'received.log'), line + '\n');
+      fs.appendFileSync(path.join(this.dir, file), JSON.stringify(entry) + '\n');
     } catch {
       // The state directory is going away with its root.
     }
+  }
+
+  /**
+   * Fetches an active text track as the receiver's page would (a cross-origin GET) and records in
+   * tracks.log whether it could show it: WebVTT, with an Access-Control-Allow-Origin that lets the
+   * page read it. What comes of it never touches the media session.
+   */
+  fetchTrack(track) {
+    const entry = { t: Date.now(), trackId: track.trackId, url: track.trackContentId,
+      contentType: track.trackContentType };
+    let recorded = false;
+    const done = (more) => {
+      if (!recorded) this.append('tracks.log', { ...entry, ...more });
+      recorded = true;
+    };
+    let u;
+    try {
+      u = new URL(track.trackContentId);
+    } catch {
+      return done({ usable: false, error: 'not a URL' });
+    }
+    const mod = { 'http:': http, 'https:': https }[u.protocol];
+    if (!mod) return done({ usable: false, error: `cannot fetch ${u.protocol}` });
+    const req = mod.get(u, { headers: { Origin: PAGE_ORIGIN }, rejectUnauthorized: false, timeout: 5000 }, (res) => {
+      let body = '';
+      res.setEncoding('utf8');
+      res.on('data', (s) => {
+        if (body.length < 1 << 20) body += s;
+      });
+      res.on('end', () => {
+        const type = res.headers['content-type'] || '';
+        const allow = res.headers['access-control-allow-origin'] || '';
+        done({ status: res.statusCode, type, allowOrigin: allow, bytes: Buffer.byteLength(body),
+          usable: res.statusCode === 200 && /^text\/vtt\b/i.test(type) && (allow === '*' || allow === PAGE_ORIGIN)
+            && /^WEBVTT/.test(body) });
+      });
+      res.on('error', (e) => done({ usable: false, error: e.message }));
+    });
+    req.on('timeout', () => req.destroy(new Error('no answer within 5 s')));
+    req.on('error', (e) => done({ usable: false, error: e.message }));
+    return undefined;
   }
 
   // --- connections --------------------------------------------------------------------
@@ -331,6 +380,10 @@ class Receiver {
       activeTrackIds: Array.isArray(d.activeTrackIds) ? d.activeTrackIds : [],
     };
     this.answer(conn, m, this.mediaStatus());
+    const active = new Set(this.media.activeTrackIds);
+    for (const t of Array.isArray(d.media.tracks) ? d.media.tracks : []) {
+      if (t && t.type === 'TEXT' && active.has(t.trackId) && typeof t.trackContentId === 'string') this.fetchTrack(t);
+    }
     const md = this.media;
     setTimeout(() => {
       if (this.media !== md || md.state !== 'BUFFERING') return;
