@@ -3,6 +3,7 @@
 // the simulated receiver started as a child process on a free loopback port.
 const { spawn } = require('child_process');
 const fs = require('fs');
+const http = require('http');
 const os = require('os');
 const path = require('path');
 const readline = require('readline');
@@ -147,4 +148,29 @@ async function launched(rxArgs = [], env = {}) {
   return { rx, tx };
 }
 
-module.exports = { startReceiver, startSender, launched, waitUntil, exited, REPO };
+/** An HTTP server on loopback answering with HANDLER; url(PATH) names one of its paths. */
+async function startWeb(handler) {
+  const server = http.createServer(handler);
+  await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
+  return {
+    url: (p) => `http://127.0.0.1:${server.address().port}${p}`,
+    close: () => {
+      server.closeAllConnections();
+      return new Promise((resolve) => server.close(resolve));
+    },
+  };
+}
+
+/** One request without keep-alive; resolves with { status, headers, body }. */
+function request(url, { method = 'GET', headers = {} } = {}) {
+  return new Promise((resolve, reject) => {
+    http.request(url, { method, headers, agent: false }, (res) => {
+      let body = '';
+      res.setEncoding('utf8');
+      res.on('data', (s) => { body += s; });
+      res.on('end', () => resolve({ status: res.statusCode, headers: res.headers, body }));
+    }).on('error', reject).end();
+  });
+}
+
+module.exports = { startReceiver, startSender, launched, waitUntil, exited, startWeb, request, REPO };
