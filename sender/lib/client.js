@@ -32,6 +32,11 @@ class CastClient extends EventEmitter {
     return this.lostReason !== null;
   }
 
+  /** This end's address on the connection to the receiver (the interface that reaches it). */
+  get localAddress() {
+    return this.channel ? this.channel.socket.localAddress : undefined;
+  }
+
   /** Opens the TLS connection and the virtual connection to the platform. */
   connect() {
     return new Promise((resolve, reject) => {

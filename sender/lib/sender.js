@@ -3,6 +3,7 @@
 // on stdout, in order. Every reply carries the last known playback state.
 const readline = require('readline');
 const { CastClient, TimeoutError, LostError, PLATFORM, NS } = require('./client');
+const { SubtitleService } = require('./subtitles');
 
 const APP_ID = 'CC1AD845'; // the default media receiver
 
@@ -22,7 +23,6 @@ const CONTENT_TYPES = {
   ogg: 'audio/ogg', opus: 'audio/ogg', mp4: 'video/mp4', m4v: 'video/mp4', mov: 'video/mp4',
   mkv: 'video/x-matroska', webm: 'video/webm', ts: 'video/mp2t', m3u8: 'application/x-mpegURL',
   jpg: 'image/jpeg', jpeg: 'image/jpeg', png: 'image/png', gif: 'image/gif', bmp: 'image/bmp',
-  vtt: 'text/vtt', srt: 'text/srt', ttml: 'application/ttml+xml', dfxp: 'application/ttml+xml',
 };
 
 class CommandError extends Error {
@@ -58,6 +58,7 @@ class Sender {
     this.heartbeatMs = heartbeatMs;
     this.out = out;
     this.log = log;
+    this.subtitles = new SubtitleService({ log });
     this.client = null;
     this.launched = false; // a LAUNCH has succeeded on this sender
     this.transportId = null; // the running application's transport, null when none
@@ -274,10 +275,16 @@ class Sender {
     if (typeof cmd.title === 'string' && cmd.title !== '') media.metadata.title = cmd.title;
     if (typeof cmd.imageUrl === 'string' && cmd.imageUrl !== '') media.metadata.images = [{ url: cmd.imageUrl }];
     const load = { type: 'LOAD', sessionId: this.appSessionId, media, autoplay: true, currentTime: 0 };
-    if (typeof cmd.subtitle === 'string' && cmd.subtitle !== '') {
+    // The receiver gets the subtitle file as WebVTT from this process (see subtitles.js); one
+    // that cannot be had leaves the track out rather than the media.
+    const track = typeof cmd.subtitle === 'string' && cmd.subtitle !== ''
+      ? await this.subtitles.prepare(cmd.subtitle, this.client.localAddress) : null;
+    if (track === null) {
+      this.subtitles.forget();
+    } else {
       media.tracks = [{
-        trackId: 1, type: 'TEXT', subtype: 'SUBTITLES', trackContentId: cmd.subtitle,
-        trackContentType: CONTENT_TYPES[extension(cmd.subtitle)] || 'text/vtt', name: 'Subtitles',
+        trackId: 1, type: 'TEXT', subtype: 'SUBTITLES', trackContentId: track, trackContentType: 'text/vtt',
+        name: 'Subtitles',
       }];
       load.activeTrackIds = [1];
     }
@@ -378,6 +385,7 @@ function main(argv) {
   let ending = false;
   const finish = () => {
     // The goodbye to the receiver and the last reply leave before the process goes.
+    sender.subtitles.close();
     sender.close().then(() => process.stdout.write('', () => process.exit(0)));
     setTimeout(() => process.exit(0), 1500).unref();
   };

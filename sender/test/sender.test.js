@@ -2,7 +2,7 @@
 // The sender as the daemon runs it, against the simulated receiver over TLS on loopback.
 const test = require('node:test');
 const assert = require('node:assert');
-const { startReceiver, startSender, launched, waitUntil, exited } = require('../testing/harness');
+const { startReceiver, startSender, launched, waitUntil, exited, startWeb, request } = require('../testing/harness');
 
 const NS_MEDIA = 'urn:x-cast:com.google.cast.media';
 
@@ -18,10 +18,16 @@ async function statusUntil(tx, test, what) {
 
 test('a short track with title, picture and subtitle plays through to IDLE/FINISHED', async (t) => {
   const { rx, tx } = await launched(['--speed', '2']);
-  t.after(() => Promise.all([tx.stop(), rx.stop()]));
+  // The media agent: an .srt behind a redirect, no CORS headers.
+  const agent = await startWeb((req, res) => {
+    if (req.url === '/old.srt') res.writeHead(302, { Location: '/a.srt' }).end();
+    else if (req.url === '/a.srt') res.end('1\r\n00:00:00,500 --> 00:00:01,750\r\nRain\r\n');
+    else res.writeHead(404).end();
+  });
+  t.after(() => Promise.all([tx.stop(), rx.stop(), agent.close()]));
   const url = 'http://127.0.0.1:8200/media/a.mp3?duration=2';
   const r = await tx.send(`{ "cmd":"LOAD", "url":"${url}", "title":"Rain & \\"Thunder\\"",`
-    + ' "imageUrl":"http://127.0.0.1:8200/art.jpg", "subtitle":"http://127.0.0.1:8200/a.vtt" }');
+    + ` "imageUrl":"http://127.0.0.1:8200/art.jpg", "subtitle":"${agent.url('/old.srt')}" }`);
   assert.strictEqual(r.status, 0, r.line);
   assert.ok(['BUFFERING', 'PLAYING'].includes(r.state), r.line);
   assert.strictEqual(r.duration, 2);
@@ -31,9 +37,13 @@ test('a short track with title, picture and subtitle plays through to IDLE/FINIS
   assert.strictEqual(load.media.contentType, 'audio/mpeg');
   assert.strictEqual(load.media.metadata.title, 'Rain & "Thunder"');
   assert.deepStrictEqual(load.media.metadata.images, [{ url: 'http://127.0.0.1:8200/art.jpg' }]);
-  assert.strictEqual(load.media.tracks[0].trackContentId, 'http://127.0.0.1:8200/a.vtt');
-  assert.deepStrictEqual(load.activeTrackIds, [load.media.tracks[0].trackId]);
   assert.strictEqual(load.autoplay, true);
+
+  // The track is the subtitle as WebVTT, served by the sender with CORS.
+  const [track] = load.media.tracks;
+  assert.match(track.trackContentId, /^http:\/\/127\.0\.0\.1:\d+\/subtitles\/\d+\.vtt$/);
+  assert.strictEqual(track.trackContentType, 'text/vtt');
+  assert.deepStrictEqual(load.activeTrackIds, [track.trackId]);
 
   await statusUntil(tx, (s) => s.state === 'PLAYING' && s.position > 0, 'PLAYING');
   const end = await statusUntil(tx, (s) => s.state === 'IDLE', 'the end of the track');
@@ -41,6 +51,26 @@ test('a short track with title, picture and subtitle plays through to IDLE/FINIS
   assert.strictEqual(end.position, 2);
   // The finished session is gone: controls need a new LOAD.
   assert.strictEqual((await tx.send({ cmd: 'PAUSE' })).status, 4);
+
+  // The subtitle is still served after the track, as WebVTT with CORS.
+  const vtt = await request(track.trackContentId, { headers: { Origin: 'https://page.invalid' } });
+  assert.deepStrictEqual([vtt.status, vtt.headers['content-type'], vtt.headers['access-control-allow-origin'], vtt.body],
+    [200, 'text/vtt; charset=utf-8', '*', 'WEBVTT\n\n00:00:00.500 --> 00:00:01.750\nRain\n\n']);
+  const preflight = await request(track.trackContentId, { method: 'OPTIONS',
+    headers: { Origin: 'https://page.invalid', 'Access-Control-Request-Method': 'GET' } });
+  assert.deepStrictEqual([preflight.status, preflight.headers['access-control-allow-origin']], [204, '*']);
+  assert.strictEqual((await request(track.trackContentId.replace(/\d+\.vtt$/, '0.vtt'))).status, 404);
+  // The simulated receiver fetched it cross-origin too, and could use it.
+  const fetched = await waitUntil(() => rx.tracks()[0], 'the receiver to fetch the track');
+  assert.deepStrictEqual([fetched.url, fetched.usable], [track.trackContentId, true], JSON.stringify(fetched));
+
+  // A subtitle that cannot be fetched leaves the track out, not the media; the old one is gone.
+  const again = await tx.send({ cmd: 'LOAD', url, subtitle: agent.url('/gone.srt') });
+  assert.strictEqual(again.status, 0, again.line);
+  const loads = rx.received().filter((m) => m.namespace === NS_MEDIA && m.data.type === 'LOAD');
+  assert.deepStrictEqual([loads.length, loads[1].data.media.tracks, loads[1].data.activeTrackIds], [2, undefined, undefined]);
+  await waitUntil(() => /gone\.srt: HTTP status 404/.test(tx.stderr()), 'the fetch failure in the log');
+  assert.strictEqual((await request(track.trackContentId)).status, 404);
 
   // A second sender reuses the running application instead of launching it again.
   const other = startSender(rx.port);
