@@ -4,6 +4,7 @@
 // that with CORS headers. The appliance's media agent serves .srt, .ass/.ssa and .vtt files and is
 // not known to send such headers, so the sender fetches the file, converts it to WebVTT and
 // serves it itself, with CORS, on the address that reaches the receiver.
+const crypto = require('crypto');
 const http = require('http');
 const https = require('https');
 
@@ -232,8 +233,7 @@ class SubtitleService {
     this.server = null;
     this.address = null;
     this.base = null; // http://address:port of the running server
-    this.current = null; // { n, body }
-    this.n = 0;
+    this.current = null; // { name, body }
   }
 
   /**
@@ -254,8 +254,10 @@ class SubtitleService {
       this.log(`subtitle ${url}: ${e.message}; playing without it`);
       return null;
     }
-    this.current = { n: ++this.n, body: Buffer.from(vtt, 'utf8') };
-    return `${this.base}/subtitles/${this.current.n}.vtt`;
+    // A name nobody on the network can guess: the track is the user's, served only to the
+    // receiver it was given to.
+    this.current = { name: crypto.randomBytes(16).toString('hex'), body: Buffer.from(vtt, 'utf8') };
+    return `${this.base}/subtitles/${this.current.name}.vtt`;
   }
 
   /** Stops serving the current track. */
@@ -296,7 +298,7 @@ class SubtitleService {
   _answer(req, res) {
     const cors = { 'Access-Control-Allow-Origin': '*' };
     const cur = this.current;
-    if (!cur || req.url.split('?')[0] !== `/subtitles/${cur.n}.vtt`) {
+    if (!cur || req.url.split('?')[0] !== `/subtitles/${cur.name}.vtt`) {
       res.writeHead(404, { ...cors, 'Content-Type': 'text/plain' });
       res.end('not found\n');
     } else if (req.method === 'OPTIONS') {

@@ -41,7 +41,7 @@ test('a short track with title, picture and subtitle plays through to IDLE/FINIS
 
   // The track is the subtitle as WebVTT, served by the sender with CORS.
   const [track] = load.media.tracks;
-  assert.match(track.trackContentId, /^http:\/\/127\.0\.0\.1:\d+\/subtitles\/\d+\.vtt$/);
+  assert.match(track.trackContentId, /^http:\/\/127\.0\.0\.1:\d+\/subtitles\/[0-9a-f]{32}\.vtt$/);
   assert.strictEqual(track.trackContentType, 'text/vtt');
   assert.deepStrictEqual(load.activeTrackIds, [track.trackId]);
 
@@ -59,7 +59,7 @@ test('a short track with title, picture and subtitle plays through to IDLE/FINIS
   const preflight = await request(track.trackContentId, { method: 'OPTIONS',
     headers: { Origin: 'https://page.invalid', 'Access-Control-Request-Method': 'GET' } });
   assert.deepStrictEqual([preflight.status, preflight.headers['access-control-allow-origin']], [204, '*']);
-  assert.strictEqual((await request(track.trackContentId.replace(/\d+\.vtt$/, '0.vtt'))).status, 404);
+  assert.strictEqual((await request(track.trackContentId.replace(/[0-9a-f]{32}\.vtt$/, '0.vtt'))).status, 404);
   // The simulated receiver fetched it cross-origin too, and could use it.
   const fetched = await waitUntil(() => rx.tracks()[0], 'the receiver to fetch the track');
   assert.deepStrictEqual([fetched.url, fetched.usable], [track.trackContentId, true], JSON.stringify(fetched));

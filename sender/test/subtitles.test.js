@@ -74,7 +74,7 @@ test('the service serves only the latest track, on an IPv6 address in brackets',
     return agent.close();
   });
   const first = await service.prepare(agent.url('/one.srt'), '::1');
-  assert.match(first, /^http:\/\/\[::1\]:\d+\/subtitles\/\d+\.vtt$/);
+  assert.match(first, /^http:\/\/\[::1\]:\d+\/subtitles\/[0-9a-f]{32}\.vtt$/);
   assert.match((await request(first)).body, /\n\/one\.srt\n/);
   const second = await service.prepare(agent.url('/two.srt'), '::1');
   const [a, b] = await Promise.all([request(first), request(second)]);
