@@ -5,7 +5,7 @@
 
 Writes STATE_DIR/pid and STATE_DIR/port once it listens (N=0: a free port) and
 ends by itself once STATE_DIR is removed (a test's root going away); appends one JSON line
-per request to STATE_DIR/requests.log ({"method", "path", "type", "agent",
+per request to STATE_DIR/requests.log ({"method", "path", "type", "agent", "session",
 "body", "size"}; a photo's body is given by its size only), and plays what
 /play hands it: the position advances with real time at the rate set by
 /rate, up to the length (--length, or "len=N" in the played URL's query).
@@ -77,6 +77,7 @@ class Handler(BaseHTTPRequestHandler):
             "path": path,
             "type": self.headers.get("Content-Type", ""),
             "agent": self.headers.get("User-Agent", ""),
+            "session": self.headers.get("X-Apple-Session-ID", ""),
             "size": len(body),
         }
         if not path.startswith("/photo"):

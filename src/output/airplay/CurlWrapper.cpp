@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <sstream>
 
 #include "thread/CThread.h"
@@ -35,13 +36,29 @@ size_t appendCapped(char* contents, size_t size, size_t nmemb, void* target) {
     return n;
 }
 
+// A random (version 4) UUID in upper case, as senders name their playback sessions.
+std::string newSessionId() {
+    std::random_device random;
+    unsigned char b[16];
+    for (size_t i = 0; i < sizeof b; i += 4) {
+        const unsigned int r = random();
+        for (size_t k = 0; k < 4; ++k) b[i + k] = static_cast<unsigned char>(r >> (8 * k));
+    }
+    b[6] = static_cast<unsigned char>((b[6] & 0x0f) | 0x40);
+    b[8] = static_cast<unsigned char>((b[8] & 0x3f) | 0x80);
+    char text[37];
+    std::snprintf(text, sizeof text, "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X", b[0], b[1],
+                  b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]);
+    return text;
+}
+
 struct FileCloser {
     void operator()(FILE* f) const { std::fclose(f); }
 };
 
 }  // namespace
 
-CurlWrapper::CurlWrapper() : m_curl(CurlLibrary::get()) {
+CurlWrapper::CurlWrapper() : m_curl(CurlLibrary::get()), m_sessionId(newSessionId()) {
     m_handle = m_curl ? m_curl->easy_init() : nullptr;
     if (!m_handle) LOG_ERR("curl_easy_init() fail.");
     CThread::mutexInit(m_lock, MUTEX_NORMAL_E);
@@ -153,6 +170,7 @@ int CurlWrapper::request(Response& response, Method method, const std::string& p
     struct curl_slist* headers = nullptr;
     headers = m_curl->slist_append(headers, ("User-Agent: " + std::string(kUserAgent)).c_str());
     if (!contentType.empty()) headers = m_curl->slist_append(headers, ("Content-Type: " + contentType).c_str());
+    headers = m_curl->slist_append(headers, ("X-Apple-Session-ID: " + m_sessionId).c_str());
     std::unique_ptr<curl_slist, void (*)(curl_slist*)> headerList(headers, m_curl->slist_free_all);
 
     const long totalMs = g_totalTimeoutMs.load() * (method == Method::Put ? 2 : 1);
@@ -190,6 +208,7 @@ int CurlWrapper::request(Response& response, Method method, const std::string& p
     if (!ok) return -1;
 
     const CURLcode code = m_curl->easy_perform(m_handle);
+    if (path == "/stop") m_sessionId = newSessionId();  // what plays next is a session of its own
     if (code != CURLE_OK) {
         LOG_ERR("curl_easy_perform() fail, err_code=%d", static_cast<int>(code));
         response.m_errMsg = m_curl->easy_strerror(code);

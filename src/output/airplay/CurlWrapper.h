@@ -7,6 +7,10 @@
 // receiver takes a POST /scrub as a seek). Every request has a connect and a total time-out and
 // a cap on the answer it keeps, so a receiver that stops answering, or answers without end,
 // never holds a player for long.
+//
+// Every request names the playback session it belongs to (X-Apple-Session-ID, as real senders
+// do: receivers tie /play, /scrub, /rate and /stop together by it); a /stop ends the session, and
+// what is played next starts a new one.
 #pragma once
 
 #include <curl/curl.h>
@@ -73,4 +77,5 @@ private:
     std::string m_ip;
     int m_port = 7000;
     std::string m_url;
+    std::string m_sessionId;
 };

@@ -55,7 +55,19 @@ TEST_F(AirPlayServiceTest, EachOperationIsOneRequestOfItsOwnShape) {
     EXPECT_TRUE(has(seen[4], R"("method": "POST", "path": "/rate?value=0")"));
     EXPECT_TRUE(has(seen[5], R"("method": "POST", "path": "/rate?value=1")"));
     EXPECT_TRUE(has(seen[6], R"("method": "POST", "path": "/stop")"));
-    for (const auto& line : seen) EXPECT_TRUE(has(line, R"("agent": "MediaControl/1.0")")) << line;
+    // One session from the first request to the stop; after it, a new one.
+    const size_t at = seen[0].find(R"("session": ")");
+    ASSERT_NE(at, std::string::npos) << seen[0];
+    const std::string session = seen[0].substr(at, 12 + 36 + 1);  // "session": "UUID"
+    EXPECT_EQ(session.back(), '"') << seen[0];
+    for (const auto& line : seen) {
+        EXPECT_TRUE(has(line, R"("agent": "MediaControl/1.0")")) << line;
+        EXPECT_TRUE(has(line, session)) << line;
+    }
+    ASSERT_EQ(service.getPosInfo(r), 0);
+    const std::vector<std::string> after = rx.takeRequests();
+    ASSERT_EQ(after.size(), 1u);
+    EXPECT_TRUE(has(after[0], R"("session": ")") && !has(after[0], session)) << after[0];
 }
 
 TEST_F(AirPlayServiceTest, PhotoIsUploadedAndTheNextRequestIsNoUpload) {
