@@ -6,7 +6,7 @@ namespace {
 class StatusTest : public CommandTest {
 protected:
     // A player "uuid:tv" on a playlist of the given entries.
-    FakePlayer* watching(const std::vector<std::tuple<mediaType_e, contentType_e, std::string>>& entries) {
+    FakePlayer* watching(const std::vector<testsupport::Entry>& entries) {
         makePlaylist("Watch", entries);
         FakePlayer* p = playerOn("uuid:tv", "Watch", playertype::kAlsa | playertype::kAlsaUsb | playertype::kCapAudio);
         if (p) p->fakeTraits = {.typeText = "ALSA", .subtypeText = "USB"};
@@ -70,7 +70,7 @@ TEST_F(StatusTest, VideoTrackListsAreCachedFor120Seconds) {
 }
 
 TEST_F(StatusTest, TheFiftyFirstVideoReplacesTheLeastRecentlyUsed) {
-    std::vector<std::tuple<mediaType_e, contentType_e, std::string>> videos;
+    std::vector<testsupport::Entry> videos;
     for (int i = 0; i <= StatusCache::kEntries; ++i) videos.emplace_back(MEDIA_VIDEO_E, CONTENT_OBJECT_E, "vx_" + std::to_string(i));
     FakePlayer* tv = watching(videos);
     auto pollTrack = [&](int i) {

@@ -26,6 +26,9 @@ public:
                const std::string& appType = "")
         : CPlayer(type, id.c_str(), name.c_str(), title.empty() ? nullptr : title.c_str(),
                   appType.empty() ? nullptr : appType.c_str()) {}
+    // A DLNA render's player on the playlist title of appType.
+    explicit FakePlayer(const std::string& title = "", const std::string& appType = "", uint32_t type = playertype::kDlna)
+        : FakePlayer(type, "uuid:render-1", "Living room", title, appType) {}
 
     int play() override {
         setPlayerState(STATE_PLAY_E);

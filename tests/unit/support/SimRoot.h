@@ -39,8 +39,13 @@ inline const std::string& simRoot() {
     return root.path;
 }
 
-// A sine tone at path, made with ffmpeg; args (channels, rate...) go before the path.
-inline bool makeTone(const std::string& path, int hz, int seconds, std::vector<std::string> args) {
+// A sine tone at <root>/share/Public/Music/<name>, made with ffmpeg on first use (args, such as
+// channels and rate, go before the path); its path, "" when it cannot be made.
+inline std::string simTone(const std::string& name, int hz, int seconds,
+                           std::vector<std::string> args = {"-ac", "1", "-ar", "22050", "-b:a", "32k"}) {
+    const std::string path = simRoot() + "/share/Public/Music/" + name;
+    if (simRoot().empty() || exists(path)) return simRoot().empty() ? "" : path;
+    makeDirs(path.substr(0, path.rfind('/')));
     args.insert(args.begin(), {"ffmpeg", "-loglevel", "error", "-y", "-f", "lavfi", "-i",
                                "sine=frequency=" + std::to_string(hz) + ":duration=" + std::to_string(seconds)});
     args.push_back(path);
@@ -49,7 +54,23 @@ inline bool makeTone(const std::string& path, int hz, int seconds, std::vector<s
     options.timeoutMs = 60000;
     ProcessResult f = runProcess(args, options);
     if (!f.ok()) ADD_FAILURE() << "ffmpeg failed: " << f.output;
-    return f.ok();
+    return f.ok() ? path : "";
+}
+
+// Playlist entries, and a playlist of appType holding them in order.
+struct Entry {
+    mediaType_e media;
+    contentType_e type;
+    std::string content;
+};
+inline Entry file(std::string path, mediaType_e media = MEDIA_AUDIO_E) { return {media, CONTENT_FILE_E, std::move(path)}; }
+inline Entry object(std::string id, mediaType_e media = MEDIA_AUDIO_E) { return {media, CONTENT_OBJECT_E, std::move(id)}; }
+inline void makePlaylist(const std::string& title, const std::vector<Entry>& entries,
+                         const std::string& appType = "music", const std::string& owner = "admin") {
+    ASSERT_EQ(playlistStore().addPlaylist(title.c_str(), MEDIA_MIXED_E, appType.c_str(), owner.c_str(), ""), 0);
+    for (const Entry& e : entries)
+        ASSERT_EQ(playlistStore().addElmInPlaylist(title.c_str(), e.media, e.type, appType.c_str(), e.content.c_str(), -1),
+                  0);
 }
 
 inline size_t threadCount() {
