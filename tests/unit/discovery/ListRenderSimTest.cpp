@@ -75,7 +75,7 @@ protected:
         return {calls("tessaly", "list"), calls("avahi-browse", "-rkpt"), calls("mpc", "outputs"), calls("yarrow", "Enable")};
     }
     void simctl(std::vector<std::string> args) {
-        args.insert(args.begin(), s_root + "/var/sim/simctl");
+        args.insert(args.begin(), at("var/sim/simctl"));
         const ProcessResult r = runProcess(args);
         ASSERT_TRUE(r.ok()) << r.output;
     }
@@ -139,7 +139,6 @@ TEST_F(ListRenderSimTest, EverySourceIsReusedForTenSeconds) {
     // The vanished renderer stays cached, no longer marked as found.
     EXPECT_EQ(cached(kSpeakerId).found, 0);
     EXPECT_EQ(cached(kTvId).found, 1);
-    simctl({"renderer", kSpeakerId, "present"});
 }
 
 TEST_F(ListRenderSimTest, ConcurrentListingsShareOneRefresh) {
@@ -205,8 +204,8 @@ TEST_F(ListRenderSimTest, LostAnalogOutputIsListedAfterTheMusicServiceRestarts) 
     // The restart brings the analog output back.
     put("/opt/XUMA/Morrat.sh",
         "#!/usr/bin/python3 -S\nimport os, sys\n"
-        "open('" + s_root + "/opt/XUMA/restarts', 'a').write(' '.join(sys.argv[1:]) + '\\n')\n"
-        "os.execv('" + s_root + "/var/sim/simctl', ['simctl', 'output', 'Analog', 'present'])\n",
+        "open('" + at("opt/XUMA/restarts") + "', 'a').write(' '.join(sys.argv[1:]) + '\\n')\n"
+        "os.execv('" + at("var/sim/simctl") + "', ['simctl', 'output', 'Analog', 'present'])\n",
         0755);
     simctl({"output", "Analog", "absent"});
 

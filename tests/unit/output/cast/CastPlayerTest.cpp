@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 
 #include "output/cast/CChromecast.h"
 #include "player/PlayerTypes.h"
@@ -21,7 +20,6 @@ protected:
     void SetUp() override {
         CastSenderTest::SetUp();
         CChromecast::setTick(50ms);
-        clearSenderLogs();
     }
     void TearDown() override {
         CChromecast::setTick(1000ms);
@@ -46,11 +44,6 @@ protected:
             for (size_t p = 0; (p = text.find(what, p)) != std::string::npos; ++p) ++n;
         }
         return n;
-    }
-    void clearSenderLogs() {
-        std::error_code ec;
-        std::filesystem::remove_all(at("var/sim/cast"), ec);
-        testsupport::makeDirs(at("var/sim/cast"));
     }
 };
 
@@ -186,14 +179,6 @@ TEST_F(CastPlayerTest, ALostSenderIsReplacedWhereTheTrackWasThenGivenUp) {
     ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
     EXPECT_EQ(callLog.count("node"), 2 + CChromecast::kMaxReloads);
     EXPECT_EQ(p->senderPid(), -1);
-}
-
-TEST_F(CastPlayerTest, ARefusedQueueStops) {
-    setSwitches(R"({"refuse_load": true})");
-    makePlaylist("two", {"01 Morning.mp3", "02 Rain & Thunder.mp3"});
-    auto p = player("two");
-    ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
 }
 
 }  // namespace

@@ -25,9 +25,6 @@ const char kSpeakerId[] = "uuid:0b7d3c22-4a61-4f0e-9d2a-3e5c7b9a8f12";
 // The tick the tests run with; the renderers run ten times faster to keep media time in step.
 constexpr milliseconds kTick{100};
 
-// A 40-second track outside the library (the renderer and the duration probe measure it).
-std::string longTrack() { return testsupport::simTone("dlna-test/long40.mp3", 330, 40); }
-
 // A calls.log line of the agent: tessaly ["arg",...].
 std::string agentCall(const Lines& args) { return testsupport::callLine("tessaly", args); }
 bool isAgentCommand(const std::string& line, const char* command) {
@@ -69,19 +66,17 @@ bool waitParkedIn(CDlnaPlayer& p, playerState_e state) {
 class DlnaTest : public testsupport::ThreadCheckedTest {
 protected:
     void SetUp() override {
-        ASSERT_FALSE(longTrack().empty());
         ThreadCheckedTest::SetUp();
         CDlnaPlayer::setTick(kTick);
-        for (const char* id : {kTvId, kSpeakerId})
-            ASSERT_TRUE(renderer(id, {"present=1", "refuse=0", "refuse_content=", "busy=0", "stall=0",
-                                      "fail_position=0", "xbmc=0", "transcode=0", "volume=30", "speed=10",
-                                      "transition=0.015"}));
+        for (const char* id : {kTvId, kSpeakerId}) ASSERT_TRUE(renderer(id, {"speed=10", "transition=0.015"}));
     }
     void TearDown() override {
         CDlnaPlayer::setTick(1000ms);
         ThreadCheckedTest::TearDown();
     }
 
+    // A 40-second track outside the library (the renderer and the duration probe measure it).
+    std::string longTrack() const { return tone("dlna-test/long40.mp3", 330, 40); }
     static std::unique_ptr<CDlnaPlayer> player(const char* title = nullptr, const char* id = kTvId) {
         return std::make_unique<CDlnaPlayer>(playertype::kDlna | playertype::kCapAudio | playertype::kCapVideo, id,
                                              id == std::string(kTvId) ? "Living Room TV" : "Study Speaker",
@@ -312,7 +307,7 @@ TEST_F(DlnaTest, SeekReloadsAtThePosition) {
     ASSERT_TRUE(eventually([&] { return p->getCurrTimeSecond() >= 1; }));
     newCalls();
     ASSERT_EQ(p->seek("00:00:20"), 0);
-    auto loadAt = [](const char* position) { return load("--filePath", longTrack(), {"--position", position}); };
+    auto loadAt = [&](const char* position) { return load("--filePath", longTrack(), {"--position", position}); };
     Lines calls = newCalls();
     size_t loaded = indexOf(calls, loadAt("00:00:20"));
     ASSERT_NE(loaded, std::string::npos);

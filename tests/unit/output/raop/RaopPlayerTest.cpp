@@ -20,10 +20,9 @@ protected:
         CRaopPlayer::setTick(50ms);
         dir = m_root + "/share/Public/Music/raop-test";
         for (auto [name, seconds] : {std::pair("long.mp3", 120), std::pair("a.mp3", 2), std::pair("b.mp3", 2)})
-            ASSERT_FALSE(testsupport::simTone(std::string("raop-test/") + name, 440, seconds).empty());
+            ASSERT_FALSE(tone(std::string("raop-test/") + name, 440, seconds).empty());
     }
     void TearDown() override {
-        std::remove((m_root + "/var/sim/raop.json").c_str());
         CRaopPlayer::setTick(1000ms);
         ThreadCheckedTest::TearDown();
     }
