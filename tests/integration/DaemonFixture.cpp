@@ -79,6 +79,19 @@ vclient::Exchange Daemon::raw(const std::string& requestText) {
     return vclient::exchange(vclient::socketPathForRoot(m_root), requestText);
 }
 
+std::string Daemon::field(const std::string& command, const vclient::Params& params, const char* name) {
+    return xmltoa(request(command, params).doc.getChildNode(name).getText());
+}
+
+bool Daemon::makePlaylist(const std::string& title, const std::string& app, const std::string& media,
+                          const std::vector<std::string>& contents, const std::string& contentType) {
+    bool ok = request("CreatePlaylist", {{"playlist", title}, {"playlistType", media}, {"appType", app}}).code == 0;
+    for (const std::string& content : contents)
+        ok = ok && request("AddContent", {{"playlist", title}, {"contentType", contentType}, {"mediaType", media},
+                                          {"content", content}, {"appType", app}}).code == 0;
+    return ok;
+}
+
 int runDaemonOnce(const std::string& root, std::string& output, int timeoutMs) {
     ProcessOptions opts;
     opts.timeoutMs = timeoutMs;

@@ -45,6 +45,12 @@ public:
 
     vclient::Answer request(const std::string& command, const vclient::Params& params = {});
     vclient::Exchange raw(const std::string& requestText);
+    // The text of one element of the answer ("" when absent).
+    std::string field(const std::string& command, const vclient::Params& params, const char* name);
+    // Makes a playlist of app holding contents (of the media and content type) through the
+    // daemon; false when a request failed.
+    bool makePlaylist(const std::string& title, const std::string& app, const std::string& media,
+                      const std::vector<std::string>& contents, const std::string& contentType = "object");
 
 private:
     std::string m_root;
