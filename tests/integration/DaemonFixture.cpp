@@ -1,7 +1,6 @@
 #include "integration/DaemonFixture.h"
 
 #include <signal.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -100,18 +99,6 @@ int runDaemonOnce(const std::string& root, std::string& output, int timeoutMs) {
     ProcessResult r = runProcess({VELMORA_BIN, "--root", root}, opts);
     output = r.output;
     return r.timedOut ? -1 : r.exitStatus;
-}
-
-int connectTo(const std::string& path) {
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-    timeval tv{15, 0};
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return fd;
-    if (fd >= 0) ::close(fd);
-    return -1;
 }
 
 }  // namespace itest

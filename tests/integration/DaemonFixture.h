@@ -1,9 +1,6 @@
 // Runs the real daemon on a fresh simulated appliance and talks to it over its socket.
 #pragma once
 
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include <string>
 #include <vector>
 
@@ -60,8 +57,5 @@ private:
 
 // Runs the daemon binary to completion (for start-up refusals); its output in `output`.
 int runDaemonOnce(const std::string& root, std::string& output, int timeoutMs = 10000);
-
-// A connected client socket to path, or -1.
-int connectTo(const std::string& path);
 
 }  // namespace itest

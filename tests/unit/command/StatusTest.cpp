@@ -18,6 +18,8 @@ protected:
 TEST_F(StatusTest, AnswerDescribesThePlayerAndItsTrack) {
     FakePlayer* tv = watching({{MEDIA_AUDIO_E, CONTENT_FILE_E, "/m/a.mp3"}, {MEDIA_PHOTO_E, CONTENT_OBJECT_E, "ph_301"}});
     ASSERT_EQ(run("SetPlayMode", {{"dev", "uuid:tv"}, {"playMode", "REPEAT"}}), 0);
+    tv->setCurrTime("00:00:30");
+    tv->setSeekOffset("00:01:00");
     ASSERT_EQ(poll(), 0);
 
     std::vector<std::string> names;
@@ -32,6 +34,7 @@ TEST_F(StatusTest, AnswerDescribesThePlayerAndItsTrack) {
     EXPECT_STREQ(field("playMode"), "REPEAT");
     EXPECT_STREQ(field("trackType"), "audio");
     EXPECT_STREQ(field("trackContent"), "/m/a.mp3");
+    EXPECT_STREQ(field("currTime"), "00:01:30") << "the position counts from the seek offset";
     EXPECT_EQ(field("playlistTag"), nullptr);  // empty: no text
 
     tv->setCurrTrack(1);
