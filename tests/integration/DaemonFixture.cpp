@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <stdexcept>
 
 #include "unit/support/Files.h"
@@ -14,21 +13,13 @@ namespace itest {
 using std::chrono::milliseconds;
 
 SimRoot::SimRoot(const std::vector<std::string>& options) {
-    char tmpl[] = "/tmp/vtest-XXXXXX";
-    if (!::mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
-    m_path = tmpl;
     ProcessOptions opts;
     opts.timeoutMs = 30000;
     opts.capture = ProcessOptions::Capture::Both;
-    std::vector<std::string> argv{VELMORA_SOURCE_DIR "/sim/make-root", m_path};
+    std::vector<std::string> argv{VELMORA_SOURCE_DIR "/sim/make-root", path()};
     argv.insert(argv.end(), options.begin(), options.end());
     ProcessResult r = runProcess(argv, opts);
-    if (!r.ok()) throw std::runtime_error("sim/make-root failed: " + r.output);
-}
-
-SimRoot::~SimRoot() {
-    std::error_code ec;
-    std::filesystem::remove_all(m_path, ec);
+    if (path().empty() || !r.ok()) throw std::runtime_error("sim/make-root failed: " + r.output);
 }
 
 Daemon::Daemon(const std::string& root) : m_root(root), m_logPath(root + "/var/daemon.log") {

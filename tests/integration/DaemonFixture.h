@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "client/VelmoraClient.h"
+#include "unit/support/Files.h"
 #include "util/Process.h"
 
 namespace itest {
@@ -14,12 +15,11 @@ class SimRoot {
 public:
     // options: make-root's own (--cast-receiver ...).
     explicit SimRoot(const std::vector<std::string>& options = {});
-    ~SimRoot();
-    const std::string& path() const { return m_path; }
-    std::string socketPath() const { return vclient::socketPathForRoot(m_path); }
+    const std::string& path() const { return m_dir.path(); }
+    std::string socketPath() const { return vclient::socketPathForRoot(path()); }
 
 private:
-    std::string m_path;
+    testsupport::TempDir m_dir{"vtest"};
 };
 
 // The Velmora binary started with --root; stopped with SIGTERM when destroyed.

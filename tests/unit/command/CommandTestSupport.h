@@ -21,7 +21,6 @@ class CommandTest : public testsupport::SimRootTest {
 protected:
     void SetUp() override {
         SimRootTest::SetUp();
-        s_root = m_root;
         StatusCache::instance().clear();
         s_now = 1'000'000;
         StatusCache::instance().setClock([] { return s_now; });
@@ -52,12 +51,10 @@ protected:
     }
 
     // Media-agent runs of command (with argument, when given) since the test began.
-    static int agentCalls(const std::string& command, const std::string& argument = "") {
-        testsupport::CallLog log(s_root);
-        return argument.empty() ? log.count("tessaly", {command}) : log.count("tessaly", {command, argument});
+    int agentCalls(const std::string& command, const std::string& argument = "") const {
+        return callLog.count("tessaly", argument.empty() ? std::vector<std::string>{command} : std::vector{command, argument});
     }
 
-    static inline std::string s_root;
     static inline time_t s_now = 0;
     std::unique_ptr<TestManager> manager;
     XMLNode answer;

@@ -57,7 +57,6 @@ public:
     int setAttributes(const char* attrs) override { return record(std::string("attrs ") + attrs); }
     bool isPlayerExist() override { return exists; }
     void monitor(bool on) override { record(on ? "monitor(on)" : "monitor(off)"); }
-    void debugDump(std::string& out) override { out += "state of " + getRenderID(); }
     PlayerTraits traits() const override { return fakeTraits; }
 
     int record(const std::string& call) {
@@ -68,7 +67,6 @@ public:
     std::vector<std::string> takeCalls() { return std::exchange(calls, {}); }
 
     using CPlayer::setPlayerState;
-    using CPlayer::setSubtitleStyle;
 
     std::vector<std::string> calls;
     PlayerTraits fakeTraits{.typeText = "FAKE"};
