@@ -53,11 +53,9 @@ protected:
         ASSERT_EQ(code("CreatePlaylist", {{"playlist", title}, {"playlistType", "audio"}, {"appType", "music"}}), 0);
     }
     void addContent(const std::string& title, const std::string& content, const std::string& contentType = "file",
-                    const std::string& media = "audio", const std::string& order = "") {
-        vclient::Params p{{"playlist", title}, {"contentType", contentType}, {"mediaType", media},
-                          {"content", content}, {"appType", "music"}};
-        if (!order.empty()) p.emplace_back("orderNum", order);
-        ASSERT_EQ(code("AddContent", p), 0) << content;
+                    const std::string& media = "audio") {
+        ASSERT_EQ(code("AddContent", {{"playlist", title}, {"contentType", contentType}, {"mediaType", media},
+                                      {"content", content}, {"appType", "music"}}), 0) << content;
     }
     // The contents of a playlist in order, their order numbers checked on the way.
     Strings contents(const std::string& title, const std::string& app = "music") {

@@ -45,4 +45,13 @@ TEST(PlayerManagerTest, PlayerIsRetiredOnTheFourthMissedListingInARowAndRevived)
     EXPECT_EQ(m.getNumOfPlayer(), 2u);
 }
 
+// A pass waits the pass period; a stop must not (the daemon's own stop waits for it).
+TEST(PlayerManagerTest, ThreadStopsPromptly) {
+    FakeManager m;
+    ASSERT_EQ(m.start("manager"), 0);
+    auto start = std::chrono::steady_clock::now();
+    m.stopThread();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
 }  // namespace

@@ -44,6 +44,19 @@ TEST(XMLTree, LookupsIgnoreCaseAndIteratingLookupsResume) {
     EXPECT_EQ(i, 3);
 }
 
+// The status cache hands each answer a copy of a cached list: answers sent side by side must
+// share nothing with the cache or with each other.
+TEST(XMLTree, DeepCopyIsIndependent) {
+    XMLNode root = XMLNode::parseString("<root k=\"v\"><a>1<!--c--><b>2</b></a></root>", "root");
+    XMLNode copy = root.getChildNode("a").deepCopy();
+    EXPECT_TRUE(copy.getParentNode().isEmpty());
+    copy.getChildNode("b").updateText("changed");
+    copy.addChild("added");
+    EXPECT_EQ(root.toString(0), "<root k=\"v\"><a>1<!--c--><b>2</b></a></root>");
+    EXPECT_EQ(copy.toString(0), "<a>1<!--c--><b>changed</b><added/></a>");
+    EXPECT_EQ(copy.getChildNode("b").getParentNode(), copy);
+}
+
 TEST(XMLTree, HandlesCopiedOnSeveralThreads) {
     XMLNode root = XMLNode::parseString(kRequest, "root");
     std::vector<std::thread> threads;
