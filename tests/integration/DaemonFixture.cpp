@@ -1,11 +1,9 @@
 #include "integration/DaemonFixture.h"
 
 #include <signal.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <stdexcept>
 
 #include "unit/support/Files.h"
@@ -15,21 +13,13 @@ namespace itest {
 using std::chrono::milliseconds;
 
 SimRoot::SimRoot(const std::vector<std::string>& options) {
-    char tmpl[] = "/tmp/vtest-XXXXXX";
-    if (!::mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
-    m_path = tmpl;
     ProcessOptions opts;
     opts.timeoutMs = 30000;
     opts.capture = ProcessOptions::Capture::Both;
-    std::vector<std::string> argv{VELMORA_SOURCE_DIR "/sim/make-root", m_path};
+    std::vector<std::string> argv{VELMORA_SOURCE_DIR "/sim/make-root", path()};
     argv.insert(argv.end(), options.begin(), options.end());
     ProcessResult r = runProcess(argv, opts);
-    if (!r.ok()) throw std::runtime_error("sim/make-root failed: " + r.output);
-}
-
-SimRoot::~SimRoot() {
-    std::error_code ec;
-    std::filesystem::remove_all(m_path, ec);
+    if (path().empty() || !r.ok()) throw std::runtime_error("sim/make-root failed: " + r.output);
 }
 
 Daemon::Daemon(const std::string& root) : m_root(root), m_logPath(root + "/var/daemon.log") {
@@ -79,6 +69,19 @@ vclient::Exchange Daemon::raw(const std::string& requestText) {
     return vclient::exchange(vclient::socketPathForRoot(m_root), requestText);
 }
 
+std::string Daemon::field(const std::string& command, const vclient::Params& params, const char* name) {
+    return xmltoa(request(command, params).doc.getChildNode(name).getText());
+}
+
+bool Daemon::makePlaylist(const std::string& title, const std::string& app, const std::string& media,
+                          const std::vector<std::string>& contents, const std::string& contentType) {
+    bool ok = request("CreatePlaylist", {{"playlist", title}, {"playlistType", media}, {"appType", app}}).code == 0;
+    for (const std::string& content : contents)
+        ok = ok && request("AddContent", {{"playlist", title}, {"contentType", contentType}, {"mediaType", media},
+                                          {"content", content}, {"appType", app}}).code == 0;
+    return ok;
+}
+
 int runDaemonOnce(const std::string& root, std::string& output, int timeoutMs) {
     ProcessOptions opts;
     opts.timeoutMs = timeoutMs;
@@ -87,18 +90,6 @@ int runDaemonOnce(const std::string& root, std::string& output, int timeoutMs) {
     ProcessResult r = runProcess({VELMORA_BIN, "--root", root}, opts);
     output = r.output;
     return r.timedOut ? -1 : r.exitStatus;
-}
-
-int connectTo(const std::string& path) {
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-    timeval tv{15, 0};
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return fd;
-    if (fd >= 0) ::close(fd);
-    return -1;
 }
 
 }  // namespace itest

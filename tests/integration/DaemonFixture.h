@@ -1,13 +1,11 @@
 // Runs the real daemon on a fresh simulated appliance and talks to it over its socket.
 #pragma once
 
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include <string>
 #include <vector>
 
 #include "client/VelmoraClient.h"
+#include "unit/support/Files.h"
 #include "util/Process.h"
 
 namespace itest {
@@ -17,12 +15,11 @@ class SimRoot {
 public:
     // options: make-root's own (--cast-receiver ...).
     explicit SimRoot(const std::vector<std::string>& options = {});
-    ~SimRoot();
-    const std::string& path() const { return m_path; }
-    std::string socketPath() const { return vclient::socketPathForRoot(m_path); }
+    const std::string& path() const { return m_dir.path(); }
+    std::string socketPath() const { return vclient::socketPathForRoot(path()); }
 
 private:
-    std::string m_path;
+    testsupport::TempDir m_dir{"vtest"};
 };
 
 // The Velmora binary started with --root; stopped with SIGTERM when destroyed.
@@ -45,6 +42,12 @@ public:
 
     vclient::Answer request(const std::string& command, const vclient::Params& params = {});
     vclient::Exchange raw(const std::string& requestText);
+    // The text of one element of the answer ("" when absent).
+    std::string field(const std::string& command, const vclient::Params& params, const char* name);
+    // Makes a playlist of app holding contents (of the media and content type) through the
+    // daemon; false when a request failed.
+    bool makePlaylist(const std::string& title, const std::string& app, const std::string& media,
+                      const std::vector<std::string>& contents, const std::string& contentType = "object");
 
 private:
     std::string m_root;
@@ -54,8 +57,5 @@ private:
 
 // Runs the daemon binary to completion (for start-up refusals); its output in `output`.
 int runDaemonOnce(const std::string& root, std::string& output, int timeoutMs = 10000);
-
-// A connected client socket to path, or -1.
-int connectTo(const std::string& path);
 
 }  // namespace itest

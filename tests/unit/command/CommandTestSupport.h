@@ -5,7 +5,6 @@
 #include <chrono>
 #include <memory>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "client/VelmoraClient.h"
@@ -16,12 +15,12 @@
 
 using FakePlayer = testsupport::FakePlayer;
 using TestManager = testsupport::FakeManager;
+using testsupport::makePlaylist;
 
 class CommandTest : public testsupport::SimRootTest {
 protected:
     void SetUp() override {
         SimRootTest::SetUp();
-        s_root = m_root;
         StatusCache::instance().clear();
         s_now = 1'000'000;
         StatusCache::instance().setClock([] { return s_now; });
@@ -52,20 +51,10 @@ protected:
     }
 
     // Media-agent runs of command (with argument, when given) since the test began.
-    static int agentCalls(const std::string& command, const std::string& argument = "") {
-        testsupport::CallLog log(s_root);
-        return argument.empty() ? log.count("tessaly", {command}) : log.count("tessaly", {command, argument});
+    int agentCalls(const std::string& command, const std::string& argument = "") const {
+        return callLog.count("tessaly", argument.empty() ? std::vector<std::string>{command} : std::vector{command, argument});
     }
 
-    // A playlist of appType "music" with the given (media type, content type, content) entries.
-    static void makePlaylist(const char* title,
-                             const std::vector<std::tuple<mediaType_e, contentType_e, std::string>>& entries) {
-        ASSERT_EQ(playlistStore().addPlaylist(title, MEDIA_MIXED_E, "music", "alice", ""), 0);
-        for (const auto& [media, content, text] : entries)
-            ASSERT_EQ(playlistStore().addElmInPlaylist(title, media, content, "music", text.c_str(), -1), 0);
-    }
-
-    static inline std::string s_root;
     static inline time_t s_now = 0;
     std::unique_ptr<TestManager> manager;
     XMLNode answer;

@@ -40,7 +40,7 @@ TEST_F(PlaylistFollowTest, AddedEntriesJoinTheQueueWhereTheyWereInserted) {
                                  {"content", "x"}, {"appType", "music"}, {"orderNum", "1"}}), 0);
     EXPECT_EQ(queue(), (std::vector<std::string>{"a", "x", "b", "c", "d", "e"}));
 
-    std::string file = s_root + "/tmp/follow.xml";
+    std::string file = at("tmp/follow.xml");
     std::ofstream(file) << "<root><playlist>Mix</playlist><appType>music</appType><item>y</item><item>z</item></root>";
     ASSERT_EQ(run("BatchAddPlaylist", {{"filePath", file}}), 0);
     EXPECT_EQ(queue(), (std::vector<std::string>{"a", "x", "b", "c", "d", "e", "y", "z"}));
@@ -63,7 +63,7 @@ TEST_F(PlaylistFollowTest, DeletedEntriesLeaveTheQueue) {
     EXPECT_EQ(current(), "c");
 
     // Entries removed by a batch: the queue is read again.
-    std::string file = s_root + "/tmp/del.xml";
+    std::string file = at("tmp/del.xml");
     std::ofstream(file) << "<root><playlist>Mix</playlist><appType>music</appType><uuid>" << uuidOf(2) << "</uuid></root>";
     ASSERT_EQ(run("BatchDelPlaylist", {{"filePath", file}}), 0);
     ASSERT_EQ(run("AddContent", {{"playlist", "Mix"}, {"contentType", "file"}, {"mediaType", "audio"},

@@ -6,7 +6,7 @@ namespace {
 class StatusTest : public CommandTest {
 protected:
     // A player "uuid:tv" on a playlist of the given entries.
-    FakePlayer* watching(const std::vector<std::tuple<mediaType_e, contentType_e, std::string>>& entries) {
+    FakePlayer* watching(const std::vector<testsupport::Entry>& entries) {
         makePlaylist("Watch", entries);
         FakePlayer* p = playerOn("uuid:tv", "Watch", playertype::kAlsa | playertype::kAlsaUsb | playertype::kCapAudio);
         if (p) p->fakeTraits = {.typeText = "ALSA", .subtypeText = "USB"};
@@ -18,6 +18,8 @@ protected:
 TEST_F(StatusTest, AnswerDescribesThePlayerAndItsTrack) {
     FakePlayer* tv = watching({{MEDIA_AUDIO_E, CONTENT_FILE_E, "/m/a.mp3"}, {MEDIA_PHOTO_E, CONTENT_OBJECT_E, "ph_301"}});
     ASSERT_EQ(run("SetPlayMode", {{"dev", "uuid:tv"}, {"playMode", "REPEAT"}}), 0);
+    tv->setCurrTime("00:00:30");
+    tv->setSeekOffset("00:01:00");
     ASSERT_EQ(poll(), 0);
 
     std::vector<std::string> names;
@@ -32,6 +34,7 @@ TEST_F(StatusTest, AnswerDescribesThePlayerAndItsTrack) {
     EXPECT_STREQ(field("playMode"), "REPEAT");
     EXPECT_STREQ(field("trackType"), "audio");
     EXPECT_STREQ(field("trackContent"), "/m/a.mp3");
+    EXPECT_STREQ(field("currTime"), "00:01:30") << "the position counts from the seek offset";
     EXPECT_EQ(field("playlistTag"), nullptr);  // empty: no text
 
     tv->setCurrTrack(1);
@@ -70,7 +73,7 @@ TEST_F(StatusTest, VideoTrackListsAreCachedFor120Seconds) {
 }
 
 TEST_F(StatusTest, TheFiftyFirstVideoReplacesTheLeastRecentlyUsed) {
-    std::vector<std::tuple<mediaType_e, contentType_e, std::string>> videos;
+    std::vector<testsupport::Entry> videos;
     for (int i = 0; i <= StatusCache::kEntries; ++i) videos.emplace_back(MEDIA_VIDEO_E, CONTENT_OBJECT_E, "vx_" + std::to_string(i));
     FakePlayer* tv = watching(videos);
     auto pollTrack = [&](int i) {

@@ -6,10 +6,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -25,25 +24,14 @@ using testsupport::eventually;
 
 // A gate the handler waits at until the test opens it.
 struct Gate {
-    std::mutex mutex;
-    std::condition_variable cond;
-    bool open = false;
-    int waiting = 0;
+    std::atomic<int> waiting{0};
+    std::atomic<bool> open{false};
     void pass() {
-        std::unique_lock lock(mutex);
         ++waiting;
-        cond.notify_all();
-        cond.wait(lock, [&] { return open; });
+        eventually([&] { return open.load(); }, 30s, 1ms);
     }
-    bool waitFor(int n) {
-        std::unique_lock lock(mutex);
-        return cond.wait_for(lock, 10s, [&] { return waiting >= n; });
-    }
-    void release() {
-        std::lock_guard lock(mutex);
-        open = true;
-        cond.notify_all();
-    }
+    bool waitFor(int n) { return eventually([&] { return waiting >= n; }); }
+    void release() { open = true; }
 };
 
 class ConnectionServerTest : public ::testing::Test {
@@ -99,20 +87,9 @@ protected:
     // The answer's text, "" when the connection ended first.
     static std::string answer(int fd) {
         char header[framing::kHeaderSize];
-        if (!readFull(fd, header, sizeof header)) return "";
-        const long long length = framing::parseHeader(header, sizeof header);
-        if (length < 0) return "";
-        std::string body(static_cast<size_t>(length), '\0');
-        if (!readFull(fd, body.data(), body.size())) return "";
-        return body;
-    }
-    static bool readFull(int fd, char* buf, size_t len) {
-        for (size_t got = 0; got < len;) {
-            const ssize_t n = ::read(fd, buf + got, len - got);
-            if (n <= 0) return false;
-            got += static_cast<size_t>(n);
-        }
-        return true;
+        if (::recv(fd, header, sizeof header, MSG_WAITALL) != sizeof header) return "";
+        std::string body(static_cast<size_t>(std::max(0LL, framing::parseHeader(header, sizeof header))), '\0');
+        return ::recv(fd, body.data(), body.size(), MSG_WAITALL) == static_cast<ssize_t>(body.size()) ? body : "";
     }
     // Whether the server closed the connection (waits up to the read time-out).
     static bool closedByServer(int fd) {

@@ -87,7 +87,7 @@ TEST_F(PlayModeTest, ShuffleInvariants) {
     makePlaylist("one", 1);
     auto list = playerWith("list"), one = playerWith("one");
     for (int round = 0; round < 220; ++round) {
-        RecordingPlayer* p = round % 10 ? list.get() : one.get();
+        FakePlayer* p = round % 10 ? list.get() : one.get();
         const auto uuids = queueUuids(*p);
         uint64_t current = static_cast<uint64_t>(round % uuids.size());
         p->setPlayMode(PLAYMODE_NORMAL_E, 0, 0);

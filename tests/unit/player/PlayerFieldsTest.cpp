@@ -22,7 +22,7 @@ TEST(PlayerTimeTest, HhmmssToSecond) {
 }
 
 TEST(PlayerMuteTest, UnmuteRestoresTheVolumeRememberedByAnyPlayer) {
-    RecordingPlayer kitchen, hall;
+    FakePlayer kitchen, hall;
     kitchen.volume = 40;
     EXPECT_FALSE(kitchen.isMute());
     EXPECT_EQ(kitchen.setMute(true), 0);
@@ -43,7 +43,7 @@ TEST(PlayerMuteTest, UnmuteRestoresTheVolumeRememberedByAnyPlayer) {
 // Status reads (the manager, under the player lock) race the back-end's reports (its own
 // thread, without that lock); run under the thread sanitizer this must stay silent.
 TEST(PlayerConcurrencyTest, StatusReadsRaceBackendReports) {
-    RecordingPlayer p;
+    FakePlayer p;
     std::atomic<bool> done{false};
     std::thread backend([&] {
         for (int i = 0; i < 2000; ++i) {

@@ -45,6 +45,7 @@ TEST(PlayerManagerTest, PlayerIsRetiredOnTheFourthMissedListingInARowAndRevived)
     EXPECT_EQ(m.getNumOfPlayer(), 2u);
 }
 
+// A pass waits the pass period; a stop must not (the daemon's own stop waits for it).
 TEST(PlayerManagerTest, ThreadStopsPromptly) {
     FakeManager m;
     ASSERT_EQ(m.start("manager"), 0);

@@ -1,5 +1,5 @@
-// Shared by the player tests: a fresh playlist store under a temporary appliance root, and a
-// back-end that records what the base class asks of the device.
+// Shared by the player tests: a fresh playlist store under a temporary appliance root, and
+// players whose back-end records what the base class asks of the device.
 #pragma once
 
 #include <chrono>
@@ -12,11 +12,7 @@
 #include "unit/support/Files.h"
 #include "unit/support/Players.h"
 
-class RecordingPlayer : public testsupport::FakePlayer {
-public:
-    explicit RecordingPlayer(uint32_t type = playertype::kDlna, const char* title = "", const char* appType = "")
-        : FakePlayer(type, "uuid:render-1", "Living room", title, appType) {}
-};
+using testsupport::FakePlayer;
 
 class PlayerTest : public ::testing::Test {
 protected:
@@ -65,9 +61,7 @@ protected:
         return out;
     }
     // A player with the "music" playlist title loaded.
-    static std::unique_ptr<RecordingPlayer> playerWith(const char* title, uint32_t type = playertype::kDlna) {
-        return std::make_unique<RecordingPlayer>(type, title, "music");
-    }
+    static std::unique_ptr<FakePlayer> playerWith(const char* title) { return std::make_unique<FakePlayer>(title, "music"); }
 
     testsupport::TempDir m_tmp{"velmora-player"};
     std::string m_root = m_tmp.path();

@@ -93,16 +93,4 @@ TEST_F(TrackNavigationTest, SetCurrTrackByContentPlaysOnlyWhatTheQueueHolds) {
     EXPECT_TRUE(p->takeCalls().empty());
 }
 
-TEST_F(TrackNavigationTest, StatusDescribesTheCurrentEntry) {
-    makePlaylist("list", 3);
-    auto p = playerWith("list");
-    p->setCurrTrackIndex(2);
-    p->setCurrTime("00:00:30");
-    p->setSeekOffset("00:01:00");
-    playerStatus_s s;
-    p->getStatus(s);
-    EXPECT_EQ(s.currTime, "00:01:30") << "the position counts from the seek offset";
-    EXPECT_EQ(s.trackContent, "/m/2.mp3");
-}
-
 }  // namespace

@@ -32,12 +32,6 @@ TEST_F(StoreTest, InsertPlacesEntriesByRequestedOrder) {
     EXPECT_EQ(contents(tail), (Contents{"c0", "c1", "c2", "c3", "c4", "at5", "at-1", "at9"}));
     EXPECT_TRUE(dense(tail));
 
-    // Any other negative position is stored as asked, ahead of everything.
-    int neg = makeList("neg", 2);
-    ASSERT_EQ(0, add("neg", "n", -3));
-    EXPECT_EQ(-3, entries(neg).at(0).OrderNr);
-    EXPECT_EQ(1, entries(neg).at(1).OrderNr);
-
     EXPECT_EQ(-12, add("missing", "x", 0));
     EXPECT_EQ(-12, m_store->addElmInPlaylist("mid", MEDIA_AUDIO_E, CONTENT_FILE_E, "video", "x", 0));
     // A refused edit leaves no transaction open behind it: the next edit reaches the file.

@@ -82,10 +82,10 @@ private:
     std::string m_old;
 };
 
-// Polls pred until it holds (true) or limit has passed (false).
+// Polls pred until it holds (true) or limit has passed (false): generous, for loaded machines.
 template <class Pred>
-bool eventually(Pred pred, std::chrono::milliseconds limit = std::chrono::seconds(3),
-                std::chrono::milliseconds step = std::chrono::milliseconds(5)) {
+bool eventually(Pred pred, std::chrono::milliseconds limit = std::chrono::seconds(10),
+                std::chrono::milliseconds step = std::chrono::milliseconds(10)) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!pred()) {
         if (std::chrono::steady_clock::now() >= deadline) return false;

@@ -26,6 +26,9 @@ public:
                const std::string& appType = "")
         : CPlayer(type, id.c_str(), name.c_str(), title.empty() ? nullptr : title.c_str(),
                   appType.empty() ? nullptr : appType.c_str()) {}
+    // A DLNA render's player on the playlist title of appType.
+    explicit FakePlayer(const std::string& title = "", const std::string& appType = "", uint32_t type = playertype::kDlna)
+        : FakePlayer(type, "uuid:render-1", "Living room", title, appType) {}
 
     int play() override {
         setPlayerState(STATE_PLAY_E);
@@ -54,7 +57,6 @@ public:
     int setAttributes(const char* attrs) override { return record(std::string("attrs ") + attrs); }
     bool isPlayerExist() override { return exists; }
     void monitor(bool on) override { record(on ? "monitor(on)" : "monitor(off)"); }
-    void debugDump(std::string& out) override { out += "state of " + getRenderID(); }
     PlayerTraits traits() const override { return fakeTraits; }
 
     int record(const std::string& call) {
@@ -65,7 +67,6 @@ public:
     std::vector<std::string> takeCalls() { return std::exchange(calls, {}); }
 
     using CPlayer::setPlayerState;
-    using CPlayer::setSubtitleStyle;
 
     std::vector<std::string> calls;
     PlayerTraits fakeTraits{.typeText = "FAKE"};

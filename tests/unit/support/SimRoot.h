@@ -1,12 +1,11 @@
-// The simulated appliance (sim/make-root) shared by the tests of one binary, what its fake
-// platform programs were run with, and a fixture that points the daemon's code at it.
+// The simulated appliance (sim/make-root), fresh for each test, what its fake platform programs
+// were run with, playlists on it, and a fixture that points the daemon's code at it.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,41 +15,6 @@
 #include "unit/support/Files.h"
 
 namespace testsupport {
-
-// Made on first use (it generates real media, which takes a moment) and removed at exit, with
-// any server a failed test left running on it.
-inline const std::string& simRoot() {
-    struct Root {
-        TempDir dir{"velmora-sim"};
-        std::string path;
-        Root() {
-            ProcessOptions opts;
-            opts.timeoutMs = 120000;
-            opts.capture = ProcessOptions::Capture::Both;
-            ProcessResult r = runProcess({VELMORA_SOURCE_DIR "/sim/make-root", dir.path()}, opts);
-            if (r.ok()) path = dir.path();
-            else ADD_FAILURE() << "make-root failed: " << r.output;
-        }
-        ~Root() {
-            if (!path.empty()) runProcess({path + "/var/sim/simctl", "stop-mpd"});
-        }
-    };
-    static Root root;
-    return root.path;
-}
-
-// A sine tone at path, made with ffmpeg; args (channels, rate...) go before the path.
-inline bool makeTone(const std::string& path, int hz, int seconds, std::vector<std::string> args) {
-    args.insert(args.begin(), {"ffmpeg", "-loglevel", "error", "-y", "-f", "lavfi", "-i",
-                               "sine=frequency=" + std::to_string(hz) + ":duration=" + std::to_string(seconds)});
-    args.push_back(path);
-    ProcessOptions options;
-    options.capture = ProcessOptions::Capture::Both;
-    options.timeoutMs = 60000;
-    ProcessResult f = runProcess(args, options);
-    if (!f.ok()) ADD_FAILURE() << "ffmpeg failed: " << f.output;
-    return f.ok();
-}
 
 inline size_t threadCount() {
     size_t n = 0;
@@ -76,10 +40,6 @@ inline std::string callLine(const std::string& name, const std::vector<std::stri
 class CallLog {
 public:
     explicit CallLog(const std::string& root = "") : m_path(root + "/var/sim/calls.log") {}
-    void clear() {
-        std::ofstream(m_path, std::ios::trunc);
-        m_seen = 0;
-    }
     // The lines written since the last look.
     std::vector<std::string> fresh() {
         std::vector<std::string> all = readLines(m_path);
@@ -103,25 +63,62 @@ private:
     size_t m_seen = 0;
 };
 
-// Each test starts on the shared root with an empty calls.log and an empty playlist store.
+// Playlist entries, and a playlist of appType holding them in order.
+struct Entry {
+    mediaType_e media;
+    contentType_e type;
+    std::string content;
+};
+inline Entry file(std::string path, mediaType_e media = MEDIA_AUDIO_E) { return {media, CONTENT_FILE_E, std::move(path)}; }
+inline Entry object(std::string id, mediaType_e media = MEDIA_AUDIO_E) { return {media, CONTENT_OBJECT_E, std::move(id)}; }
+inline void makePlaylist(const std::string& title, const std::vector<Entry>& entries,
+                         const std::string& appType = "music", const std::string& owner = "admin") {
+    ASSERT_EQ(playlistStore().addPlaylist(title.c_str(), MEDIA_MIXED_E, appType.c_str(), owner.c_str(), ""), 0);
+    for (const Entry& e : entries)
+        ASSERT_EQ(playlistStore().addElmInPlaylist(title.c_str(), e.media, e.type, appType.c_str(), e.content.c_str(), -1),
+                  0);
+}
+
+// Each test runs on an appliance of its own, with an empty playlist store; the servers it
+// started there are stopped and the whole is removed when it ends.
 class SimRootTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        m_root = simRoot();
-        ASSERT_FALSE(m_root.empty());
+        ProcessOptions opts;
+        opts.timeoutMs = 120000;
+        opts.capture = ProcessOptions::Capture::Both;
+        ProcessResult r = runProcess({VELMORA_SOURCE_DIR "/sim/make-root", m_dir.path()}, opts);
+        ASSERT_TRUE(r.ok()) << "make-root failed: " << r.output;
+        m_root = m_dir.path();
         approot::set(m_root);
         CGlobalsSingleton<CSqlitePlaylist>::reset();
-        std::error_code ec;
-        std::filesystem::remove_all(m_root + "/share/.modl", ec);
         callLog = CallLog(m_root);
-        callLog.clear();
     }
     void TearDown() override {
         CGlobalsSingleton<CSqlitePlaylist>::reset();
         approot::set("");
+        runProcess({m_root + "/var/sim/simctl", "stop-mpd"});
     }
     std::string at(const std::string& rel) const { return m_root + "/" + rel; }
+    // A sine tone at share/Public/Music/<name>, made with ffmpeg on first use (args, such as
+    // channels and rate, go before the path); its path.
+    std::string tone(const std::string& name, int hz, int seconds,
+                     std::vector<std::string> args = {"-ac", "1", "-ar", "22050", "-b:a", "32k"}) const {
+        const std::string path = at("share/Public/Music/" + name);
+        if (exists(path)) return path;
+        makeDirs(path.substr(0, path.rfind('/')));
+        args.insert(args.begin(), {"ffmpeg", "-loglevel", "error", "-y", "-f", "lavfi", "-i",
+                                   "sine=frequency=" + std::to_string(hz) + ":duration=" + std::to_string(seconds)});
+        args.push_back(path);
+        ProcessOptions options;
+        options.capture = ProcessOptions::Capture::Both;
+        options.timeoutMs = 60000;
+        ProcessResult f = runProcess(args, options);
+        EXPECT_TRUE(f.ok()) << "ffmpeg failed: " << f.output;
+        return path;
+    }
 
+    TempDir m_dir{"velmora-sim"};
     std::string m_root;
     CallLog callLog;
 };

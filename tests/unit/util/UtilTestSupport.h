@@ -8,12 +8,7 @@
 
 namespace testutil {
 
-using testsupport::exists;
-using testsupport::makeDirs;
-using testsupport::readFile;
-using testsupport::RootGuard;
-using testsupport::TempDir;
-using testsupport::writeFile;
+using namespace testsupport;
 
 inline int countLines(const std::string& path) {
     std::string text = readFile(path);

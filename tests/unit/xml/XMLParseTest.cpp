@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <fstream>
 #include <string>
 
 namespace {
@@ -61,16 +59,6 @@ TEST(XMLParse, MalformedTextsGiveNoTreeAtAll) {
         EXPECT_TRUE(XMLNode::parseString(text).isEmpty()) << text;
         EXPECT_NE(r.error, eXMLErrorNone) << text;
     }
-}
-
-TEST(XMLParse, ParseFile) {
-    std::string path = ::testing::TempDir() + "velmora_xml_parse.xml";
-    std::ofstream(path) << "<?xml version=\"1.0\"?>\n<root><a>1</a></root>\n";
-    XMLResults r;
-    EXPECT_STREQ(XMLNode::parseFile(path.c_str(), "root", &r).getChildNode("a").getText(), "1");
-    std::remove(path.c_str());
-    EXPECT_TRUE(XMLNode::parseFile(path.c_str(), "root", &r).isEmpty());
-    EXPECT_EQ(r.error, eXMLErrorFileNotFound);
 }
 
 TEST(XMLPrint, FormattedNestingEmptyElementsAttributesAndMixedContent) {

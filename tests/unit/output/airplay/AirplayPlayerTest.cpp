@@ -13,6 +13,8 @@ namespace {
 
 using namespace std::chrono_literals;
 using airplaytest::SimReceiver;
+using testsupport::makePlaylist;
+using testsupport::object;
 
 class AirplayPlayerTest : public testsupport::ThreadCheckedTest {
 protected:
@@ -28,21 +30,16 @@ protected:
         CurlWrapper::setTimeouts(3000ms, 5000ms);
         ThreadCheckedTest::TearDown();
     }
-    static void makePlaylist(const char* title, const std::vector<std::pair<mediaType_e, const char*>>& objects) {
-        ASSERT_EQ(playlistStore().addPlaylist(title, MEDIA_MIXED_E, "video", "admin", "test"), 0);
-        for (const auto& [media, id] : objects)
-            ASSERT_EQ(playlistStore().addElmInPlaylist(title, media, CONTENT_OBJECT_E, "video", id, -1), 0);
-    }
     std::unique_ptr<CAirplayPlayer> player(const SimReceiver& rx, const char* title, const std::string& auth = "") {
         return std::make_unique<CAirplayPlayer>(playertype::kAirplay | playertype::kCapVideo, "AA:BB:CC:00:11:22",
                                                 "Bedroom TV", title, "video", "127.0.0.1", rx.port(), auth);
     }
-    static bool waitFor(const std::function<bool()>& done) { return testsupport::eventually(done, 15s, 10ms); }
+    static bool waitFor(const std::function<bool()>& done) { return testsupport::eventually(done, 15s); }
 };
 
 TEST_F(AirplayPlayerTest, AQueueOfVideoMusicAndPhotoPlaysThrough) {
     SimReceiver rx(1.0);
-    makePlaylist("trip", {{MEDIA_VIDEO_E, "vi_201"}, {MEDIA_AUDIO_E, "mu_101"}, {MEDIA_PHOTO_E, "ph_301"}});
+    makePlaylist("trip", {object("vi_201", MEDIA_VIDEO_E), object("mu_101"), object("ph_301", MEDIA_PHOTO_E)}, "video");
     auto p = player(rx, "trip");
     p->setSlideShowDelay(1);
     ASSERT_EQ(p->play(), 0);
@@ -55,7 +52,7 @@ TEST_F(AirplayPlayerTest, AQueueOfVideoMusicAndPhotoPlaysThrough) {
 
 TEST_F(AirplayPlayerTest, PauseSeekAndStopReachTheReceiver) {
     SimReceiver rx(60.0);
-    makePlaylist("film", {{MEDIA_VIDEO_E, "vi_201"}});
+    makePlaylist("film", {object("vi_201", MEDIA_VIDEO_E)}, "video");
     auto p = player(rx, "film");
     ASSERT_EQ(p->play(), 0);
     ASSERT_TRUE(waitFor([&] { return p->getTotalTimeSecond() == 60 && p->getPlayerState() == STATE_PLAY_E; }));
@@ -74,7 +71,7 @@ TEST_F(AirplayPlayerTest, PauseSeekAndStopReachTheReceiver) {
 TEST_F(AirplayPlayerTest, AReceiverThatWantsAPasswordIsDrivenThroughTheScript) {
     SimReceiver rx(60.0);
     rx.setSwitches(R"({"password": true})");
-    makePlaylist("film", {{MEDIA_VIDEO_E, "vi_201"}});
+    makePlaylist("film", {object("vi_201", MEDIA_VIDEO_E)}, "video");
     auto p = player(rx, "film");
     ASSERT_EQ(p->play(), 0);
     ASSERT_TRUE(waitFor([&] { return callLog.count("php", {"-c=status"}) >= 2; }));
@@ -92,7 +89,7 @@ TEST_F(AirplayPlayerTest, AReceiverThatWantsAPasswordIsDrivenThroughTheScript) {
 
 TEST_F(AirplayPlayerTest, StoppedFromOutsideOrGoneTheReceiverStopsThePlayer) {
     SimReceiver rx(60.0);
-    makePlaylist("film", {{MEDIA_VIDEO_E, "vi_201"}});
+    makePlaylist("film", {object("vi_201", MEDIA_VIDEO_E)}, "video");
     auto p = player(rx, "film");
     ASSERT_EQ(p->play(), 0);
     ASSERT_TRUE(waitFor([&] { return p->getTotalTimeSecond() == 60; }));

@@ -13,10 +13,6 @@ using testsupport::callLine;
 
 class SorvaneTest : public testsupport::SimRootTest {
 protected:
-    void TearDown() override {
-        std::remove((m_root + "/var/sim/sorvane.json").c_str());
-        SimRootTest::TearDown();
-    }
     std::string php(std::vector<std::string> args) {
         args.insert(args.begin(), m_root + "/usr/local/medialibrary/bin/Sorvane/sorvane.php");
         return callLine("php", args);

@@ -12,12 +12,7 @@ namespace testsupport {
 
 class CastSenderTest : public ThreadCheckedTest {
 protected:
-    void TearDown() override {
-        std::remove(switchesPath().c_str());
-        ThreadCheckedTest::TearDown();
-    }
-    std::string switchesPath() const { return m_root + "/var/sim/cast-sender.json"; }
-    void setSwitches(const std::string& json) { ASSERT_TRUE(writeFile(switchesPath(), json)); }
+    void setSwitches(const std::string& json) { ASSERT_TRUE(writeFile(at("var/sim/cast-sender.json"), json)); }
     // Everything the sender of pid read, byte for byte.
     std::string received(pid_t pid) const {
         return readFile(m_root + "/var/sim/cast/" + std::to_string(pid) + ".log");

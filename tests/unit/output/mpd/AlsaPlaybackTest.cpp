@@ -1,112 +1,175 @@
-// The local-output player end to end: a real private MPD per player on the simulated appliance,
-// whose outputs record the PCM they are given.
+// The local-output player end to end: a real private MPD per player on the simulated appliance
+// (its mpd and mpc wrappers run Debian's real mpd), whose outputs append the PCM they are given
+// to var/sim/audio.
+#include <signal.h>
+
 #include <algorithm>
+#include <filesystem>
 
-#include "AlsaTestSupport.h"
 #include "output/BackendTable.h"
+#include "output/mpd/CAlsaPlayer.h"
+#include "player/PlayerTypes.h"
+#include "unit/support/SimRoot.h"
 
-namespace alsatest {
 namespace {
 
-using std::chrono::milliseconds;
-using std::chrono::seconds;
+using namespace std::chrono_literals;
+using testsupport::callLine;
+using testsupport::eventually;
+using testsupport::file;
+using testsupport::makePlaylist;
+using Lines = std::vector<std::string>;
 
-bool contains(const std::vector<std::string>& lines, const std::string& line) {
+constexpr long kPcmBytesPerSecond = 44100 * 2 * 2;  // what the simulated outputs record
+
+bool contains(const Lines& lines, const std::string& line) {
     return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
-
 // True when every one of wanted occurs in lines, in this order.
-bool inOrder(const std::vector<std::string>& lines, const std::vector<std::string>& wanted) {
+bool inOrder(const Lines& lines, const Lines& wanted) {
     auto it = lines.begin();
     for (const auto& w : wanted)
         if ((it = std::find(it, lines.end(), w)) == lines.end()) return false;
     return true;
 }
+// True when pid names a process that still runs (a zombie no longer does).
+bool processRuns(int pid) {
+    if (pid <= 0 || ::kill(pid, 0) != 0) return false;
+    std::string text = testsupport::readFile("/proc/" + std::to_string(pid) + "/stat");
+    size_t close = text.rfind(')');
+    return close != std::string::npos && close + 2 < text.size() && text[close + 2] != 'Z';
+}
+bool waitState(CAlsaPlayer& p, playerState_e state) {
+    return eventually([&] { return p.getPlayerState() == state; });
+}
+
+class AlsaTest : public testsupport::ThreadCheckedTest {
+protected:
+    void SetUp() override {
+        ThreadCheckedTest::SetUp();
+        CAlsaPlayer::setPollPeriod(200ms);
+    }
+    void TearDown() override {
+        CAlsaPlayer::setPollPeriod(1000ms);
+        ThreadCheckedTest::TearDown();
+    }
+
+    // Test tracks; a name a shell would split and expand proves the file reaches mpc as one raw
+    // argument.
+    std::string track(const char* name, int hz = 440, int seconds = 1) const {
+        return tone(std::string("alsa-test/") + name, hz, seconds, {"-ac", "2", "-ar", "44100"});
+    }
+    std::string toneA() const { return track("a440.flac"); }
+    std::string toneB() const { return track("02 Rain & $(echo pwned) 'x'.flac", 523); }
+    std::string toneC() const { return track("c659.flac", 659); }
+    std::string longTone() const { return track("long4s.flac", 330, 4); }
+    static std::unique_ptr<CAlsaPlayer> player(const char* title = nullptr) {
+        return std::make_unique<CAlsaPlayer>(playertype::kAlsa | playertype::kAlsaUsb, "alsa:usb_dac", "USB DAC",
+                                             title ? title : "", title ? "music" : "", "1");
+    }
+    // The mpc calls of one player since the last look, without the status polls.
+    Lines mpcCalls(const CAlsaPlayer& p) {
+        Lines out;
+        const std::string prefix = mpc(p, {}).substr(0, mpc(p, {}).size() - 1) + ",";
+        for (const auto& line : callLog.fresh())
+            if (line.rfind(prefix, 0) == 0 && line != mpc(p, {"status"})) out.push_back(line);
+        return out;
+    }
+    std::string mpc(const CAlsaPlayer& p, const Lines& args) const {
+        Lines all{"-p", std::to_string(p.getPort())};
+        all.insert(all.end(), args.begin(), args.end());
+        return callLine("mpc", all);
+    }
+    // What the player's MPD says right now, or makes it do.
+    ProcessResult runMpc(const CAlsaPlayer& p, const char* command) const {
+        return runProcess({m_root + "/tmp/larkd/bin/mpc", "-p", std::to_string(p.getPort()), command});
+    }
+    long pcmBytes() const {
+        std::error_code ec;
+        auto size = std::filesystem::file_size(m_root + "/var/sim/audio/usb_dac.pcm", ec);
+        return ec ? 0 : static_cast<long>(size);
+    }
+};
 
 TEST_F(AlsaTest, QueuePlaysThroughOnceSkippingWhatCannotPlay) {
     const std::string missing = m_root + "/no/such/file.flac";  // MPD refuses it
-    makePlaylist("trip", {{CONTENT_FILE_E, SimRoot::track(kToneA)},
-                          {CONTENT_OBJECT_E, "mu_999"},  // the library does not know it
-                          {CONTENT_FILE_E, missing},
-                          {CONTENT_FILE_E, SimRoot::track(kToneB)},
-                          {CONTENT_FILE_E, SimRoot::track(kToneC)}});
+    makePlaylist("trip", {file(toneA()), testsupport::object("mu_999") /* the library does not know it */,
+                          file(missing), file(toneB()), file(toneC())});
     auto p = player("trip");
     ASSERT_EQ(p->getPlaylistSize(), 5u);
     mpcCalls(*p);
     long before = pcmBytes();
 
     ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(10)));
-    ASSERT_TRUE(waitState(*p, STATE_STOP_E, seconds(10))) << "the queue did not end";
+    ASSERT_TRUE(waitState(*p, STATE_PLAY_E));
+    ASSERT_TRUE(waitState(*p, STATE_STOP_E)) << "the queue did not end";
 
     // Three seconds of tone went to the USB output.
     EXPECT_GE(pcmBytes() - before, 25 * kPcmBytesPerSecond / 10);
-    EXPECT_TRUE(inOrder(mpcCalls(*p), {mpc(*p, {"add", "file://" + SimRoot::track(kToneA)}),
-                                       mpc(*p, {"add", "file://" + missing}),
-                                       mpc(*p, {"add", "file://" + SimRoot::track(kToneB)}),
-                                       mpc(*p, {"add", "file://" + SimRoot::track(kToneC)})}));
-    EXPECT_EQ(mpdStatus(*p).find("[playing]"), std::string::npos);
+    EXPECT_TRUE(inOrder(mpcCalls(*p), {mpc(*p, {"add", "file://" + toneA()}), mpc(*p, {"add", "file://" + missing}),
+                                       mpc(*p, {"add", "file://" + toneB()}), mpc(*p, {"add", "file://" + toneC()})}));
+    EXPECT_EQ(runMpc(*p, "status").output.find("[playing]"), std::string::npos);
 }
 
 TEST_F(AlsaTest, SeekPauseAndResumeKeepThePosition) {
-    makePlaylist("long", {{CONTENT_FILE_E, SimRoot::track(kLong)}});
+    makePlaylist("long", {file(longTone())});
     auto p = player("long");
     mpcCalls(*p);
     EXPECT_EQ(p->seek("00:00:02"), 0);
     EXPECT_TRUE(mpcCalls(*p).empty()) << "a seek while stopped is ignored";
 
     ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(10)));
+    ASSERT_TRUE(waitState(*p, STATE_PLAY_E));
     ASSERT_EQ(p->seek("00:00:02"), 0);
     EXPECT_TRUE(contains(mpcCalls(*p), mpc(*p, {"seek", "00:00:02"})));
-    ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecond() >= 2; }, seconds(10)));
+    ASSERT_TRUE(eventually([&] { return p->getCurrTimeSecond() >= 2; }));
     EXPECT_EQ(p->getTotalTime(), "00:00:04");
 
     // pause() returns once MPD is paused.
     ASSERT_EQ(p->pause(), 0);
     EXPECT_EQ(p->getPlayerState(), STATE_PAUSE_E);
-    EXPECT_NE(mpdStatus(*p).find("[paused]"), std::string::npos);
+    EXPECT_NE(runMpc(*p, "status").output.find("[paused]"), std::string::npos);
     std::string at = p->getCurrTime();
     long bytes = pcmBytes();
-    std::this_thread::sleep_for(milliseconds(600));
+    std::this_thread::sleep_for(600ms);
     EXPECT_LT(pcmBytes() - bytes, kPcmBytesPerSecond / 4) << "still producing sound while paused";
     EXPECT_EQ(p->getCurrTime(), at);
 
     // Resumed, not restarted: no second add, and the position goes on from where it was.
     mpcCalls(*p);
     ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(10)));
+    ASSERT_TRUE(waitState(*p, STATE_PLAY_E));
     EXPECT_GE(p->getCurrTimeSecond(), 2);
-    std::vector<std::string> calls = mpcCalls(*p);
+    Lines calls = mpcCalls(*p);
     EXPECT_TRUE(contains(calls, mpc(*p, {"play"})));
     EXPECT_TRUE(std::none_of(calls.begin(), calls.end(),
                              [](const std::string& l) { return l.find("\"add\"") != std::string::npos; }));
 
     // Paused behind the player's back: the player follows MPD.
-    ASSERT_TRUE(runProcess({m_root + "/tmp/larkd/bin/mpc", "-p", std::to_string(p->getPort()), "pause"}).ok());
-    EXPECT_TRUE(waitState(*p, STATE_PAUSE_E, seconds(10)));
+    ASSERT_TRUE(runMpc(*p, "pause").ok());
+    EXPECT_TRUE(waitState(*p, STATE_PAUSE_E));
 }
 
 TEST_F(AlsaTest, SlicePlaysOnlyItsPartOfTheFile) {
     // mu_105 is second 1 to 2 of a three-second file.
-    makePlaylist("slice", {{CONTENT_OBJECT_E, "mu_105"}});
+    makePlaylist("slice", {testsupport::object("mu_105")});
     auto p = player("slice");
     ASSERT_EQ(p->setVolume(80), 0);
     mpcCalls(*p);
     long before = pcmBytes();
     auto started = std::chrono::steady_clock::now();
     ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(10)));
+    ASSERT_TRUE(waitState(*p, STATE_PLAY_E));
     EXPECT_EQ(p->getTotalTime(), "00:00:01");  // the slice's length, not the file's
     EXPECT_LE(p->getCurrTimeSecond(), 1);      // counted from the slice's start
     ASSERT_EQ(p->seek("00:00:00"), 0);         // the slice's start is added for MPD
-    ASSERT_TRUE(waitState(*p, STATE_STOP_E, seconds(5)));
+    ASSERT_TRUE(waitState(*p, STATE_STOP_E));
 
-    EXPECT_LT(std::chrono::steady_clock::now() - started, milliseconds(2800)) << "played on past the slice";
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 2800ms) << "played on past the slice";
     EXPECT_LT(pcmBytes() - before, 22 * kPcmBytesPerSecond / 10);
     EXPECT_GT(pcmBytes() - before, kPcmBytesPerSecond / 2);
     // Muted around the jump to the slice's start, then the volume is back.
-    std::vector<std::string> calls = mpcCalls(*p);
+    Lines calls = mpcCalls(*p);
     EXPECT_TRUE(inOrder(calls, {mpc(*p, {"volume", "0"}), mpc(*p, {"play"}), mpc(*p, {"seek", "00:00:01"}),
                                 mpc(*p, {"volume", "80"})}));
     EXPECT_EQ(std::count(calls.begin(), calls.end(), mpc(*p, {"seek", "00:00:01"})), 2);  // ours and seek()'s
@@ -135,12 +198,12 @@ TEST_F(AlsaTest, AttributesGoToTheOutputAndTheSharedServerReloads) {
     auto p = player();
     mpcCalls(*p);
     EXPECT_EQ(p->setAttributes("SAMPLERATE=Auto,DSDPASS=enable"), 0);
-    std::vector<std::string> calls = newCalls();
+    Lines calls = callLog.fresh();
     EXPECT_TRUE(contains(calls, mpc(*p, {"setoutputattr", "USB DAC", "1", "-1"})));
     EXPECT_TRUE(contains(calls, callLine("mpc", {"-p", "8893", "reloadsettings"})));
     EXPECT_EQ(p->setAttributes("VOLUME=3,DSDPASS"), -1);
     EXPECT_EQ(p->setAttributes(nullptr), -1);
-    EXPECT_TRUE(newCalls().empty());
+    EXPECT_TRUE(callLog.fresh().empty());
 }
 
 TEST_F(AlsaTest, FactoryRefusesABusyDeviceWithoutStartingAServer) {
@@ -153,27 +216,25 @@ TEST_F(AlsaTest, FactoryRefusesABusyDeviceWithoutStartingAServer) {
     EXPECT_EQ(BackendTable().create("alsa:usb_dac", render, "", "", result), nullptr);
     EXPECT_EQ(result, -19);
     EXPECT_EQ(callLog.count("mpd"), 0) << "a server was started";
-    ASSERT_TRUE(runProcess({m_root + "/var/sim/simctl", "free", "1", "0"}).ok());
 }
 
 TEST_F(AlsaTest, DestroyingAPlayingPlayerEndsItsServerAndThread) {
-    makePlaylist("long", {{CONTENT_FILE_E, SimRoot::track(kLong)}});
+    makePlaylist("long", {file(longTone())});
     auto p = player("long");
     const std::string port = std::to_string(p->getPort());
     const std::string instance = m_root + "/var/sim/mpd/" + port;
     int pid = std::atoi(testsupport::readFile(instance + "/pid").c_str());
     ASSERT_TRUE(processRuns(pid));
     ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitState(*p, STATE_PLAY_E, seconds(10)));
+    ASSERT_TRUE(waitState(*p, STATE_PLAY_E));
 
     auto started = std::chrono::steady_clock::now();
     p.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - started, seconds(6));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 6s);
     EXPECT_FALSE(processRuns(pid));
     EXPECT_FALSE(testsupport::exists(instance + "/socket"));
-    EXPECT_TRUE(contains(newCalls(), callLine("mpd", {"--port", port, "--kill", m_root + "/tmp/larkd/morrat.conf"})));
+    EXPECT_TRUE(contains(callLog.fresh(), callLine("mpd", {"--port", port, "--kill", m_root + "/tmp/larkd/morrat.conf"})));
     // The thread count is checked by the fixture.
 }
 
 }  // namespace
-}  // namespace alsatest

@@ -19,22 +19,17 @@ protected:
         ThreadCheckedTest::SetUp();
         CRaopPlayer::setTick(50ms);
         dir = m_root + "/share/Public/Music/raop-test";
-        testsupport::makeDirs(dir);
-        for (auto [name, seconds] : {std::pair("long.mp3", 120), std::pair("a.mp3", 2), std::pair("b.mp3", 2)}) {
-            if (!testsupport::exists(dir + "/" + name)) {
-                ASSERT_TRUE(testsupport::makeTone(dir + "/" + name, 440, seconds, {"-ac", "1", "-ar", "22050", "-b:a", "32k"}));
-            }
-        }
+        for (auto [name, seconds] : {std::pair("long.mp3", 120), std::pair("a.mp3", 2), std::pair("b.mp3", 2)})
+            ASSERT_FALSE(tone(std::string("raop-test/") + name, 440, seconds).empty());
     }
     void TearDown() override {
-        std::remove((m_root + "/var/sim/raop.json").c_str());
         CRaopPlayer::setTick(1000ms);
         ThreadCheckedTest::TearDown();
     }
     void makePlaylist(const char* title, const std::vector<std::string>& files) {
-        ASSERT_EQ(playlistStore().addPlaylist(title, MEDIA_AUDIO_E, "music", "admin", "test"), 0);
-        for (const auto& f : files)
-            ASSERT_EQ(playlistStore().addElmInPlaylist(title, MEDIA_AUDIO_E, CONTENT_FILE_E, "music", f.c_str(), -1), 0);
+        std::vector<testsupport::Entry> entries;
+        for (const auto& f : files) entries.push_back(testsupport::file(dir + "/" + f));
+        testsupport::makePlaylist(title, entries);
     }
     std::unique_ptr<CRaopPlayer> player(const char* title, bool encrypted = false) {
         return std::make_unique<CRaopPlayer>(playertype::kRaop | playertype::kCapAudio, "AABBCCDDEEFF", "Amp", title,
@@ -45,17 +40,16 @@ protected:
         return testsupport::readLines(m_root + "/var/sim/raop/" + std::to_string(pid) + ".log");
     }
     bool received(pid_t pid, const std::string& text) {
-        for (const auto& d : datagrams(pid))
-            if (d == text) return true;
-        return false;
+        const std::vector<std::string> sent = datagrams(pid);
+        return std::find(sent.begin(), sent.end(), text) != sent.end();
     }
-    static bool waitFor(const std::function<bool()>& done) { return testsupport::eventually(done, 15s, 10ms); }
+    static bool waitFor(const std::function<bool()>& done) { return testsupport::eventually(done, 15s); }
 
     std::string dir;
 };
 
 TEST_F(RaopPlayerTest, EachOperationIsOneDatagramAndStopEndsTheSender) {
-    makePlaylist("long", {dir + "/long.mp3"});
+    makePlaylist("long", {"long.mp3"});
     auto p = player("long");
     ASSERT_EQ(p->play(), 0);
     ASSERT_TRUE(waitFor([&] { return p->childPid() > 0 && received(p->childPid(), "file " + dir + "/long.mp3"); }));
@@ -90,7 +84,7 @@ TEST_F(RaopPlayerTest, EachOperationIsOneDatagramAndStopEndsTheSender) {
 }
 
 TEST_F(RaopPlayerTest, NormalStopsAfterAFinishedTrackRepeatGoesOnMissingFilesStopAtOnce) {
-    makePlaylist("two", {dir + "/a.mp3", dir + "/b.mp3"});
+    makePlaylist("two", {"a.mp3", "b.mp3"});
     auto p = player("two");
     ASSERT_EQ(p->play(), 0);
     ASSERT_TRUE(waitFor([&] { return p->childPid() > 0 && received(p->childPid(), "file " + dir + "/a.mp3"); }));
@@ -106,7 +100,7 @@ TEST_F(RaopPlayerTest, NormalStopsAfterAFinishedTrackRepeatGoesOnMissingFilesSto
     })) << "REPEAT goes on";
     ASSERT_EQ(p->stop(true), 0);
 
-    makePlaylist("gone", {dir + "/missing1.mp3", dir + "/missing2.mp3"});
+    makePlaylist("gone", {"missing1.mp3", "missing2.mp3"});
     auto q = player("gone");
     ASSERT_EQ(q->play(), 0);
     ASSERT_TRUE(waitFor([&] { return q->getPlayerState() == STATE_STOP_E && q->isParked(); }));
@@ -114,7 +108,7 @@ TEST_F(RaopPlayerTest, NormalStopsAfterAFinishedTrackRepeatGoesOnMissingFilesSto
 }
 
 TEST_F(RaopPlayerTest, ADeadSenderIsStartedAgainAndOneThatNeverComesUpLeavesNothing) {
-    makePlaylist("long", {dir + "/long.mp3"});
+    makePlaylist("long", {"long.mp3"});
     auto p = player("long");
     ASSERT_EQ(p->play(), 0);
     ASSERT_TRUE(waitFor([&] { return p->childPid() > 0 && received(p->childPid(), "file " + dir + "/long.mp3"); }));

@@ -14,7 +14,6 @@
 namespace workertest {
 namespace {
 
-using Calls = std::vector<std::string>;
 using Start = ScriptedPlayer::Start;
 using Follow = ScriptedPlayer::Follow;
 
@@ -77,7 +76,7 @@ TEST_F(WorkerTest, PauseHoldsTheTrackAndPlayResumesIt) {
 
     // A device that will not resume leaves the player paused and says so.
     ASSERT_EQ(p.pause(), 0);
-    p.resumes(false);
+    p.resumes = false;
     EXPECT_EQ(p.play(), -1);
     EXPECT_EQ(p.getPlayerState(), STATE_PAUSE_E);
 
@@ -105,7 +104,7 @@ TEST_F(WorkerTest, TheEndOfATrackMovesOnByThePlayMode) {
         SCOPED_TRACE(std::to_string(c.mode) + (c.stopAfterEachTrack ? " stopping after each" : ""));
         ScriptedPlayer p("three");
         p.setPlayMode(c.mode, 0, 0);
-        p.stopAfterEachTrack(c.stopAfterEachTrack);
+        p.stopAfterEachTrack = c.stopAfterEachTrack;
         p.onFollow([] { return Follow::Over; });
         ASSERT_EQ(p.play(), 0);
         ASSERT_TRUE(p.waitFor([&](const Calls& calls) {
@@ -116,7 +115,7 @@ TEST_F(WorkerTest, TheEndOfATrackMovesOnByThePlayMode) {
         starts.resize(std::min(starts.size(), c.starts.size()));
         EXPECT_EQ(starts, c.starts);
         if (c.starts.size() < 4) {
-            ASSERT_TRUE(testsupport::eventually([&] { return p.getPlayerState() == STATE_STOP_E; }, 10s));
+            ASSERT_TRUE(testsupport::eventually([&] { return p.getPlayerState() == STATE_STOP_E; }));
             EXPECT_EQ(p.starts().size(), c.starts.size()) << "nothing starts after the stop";
         }
     }
@@ -168,7 +167,7 @@ TEST_F(WorkerTest, NextAndPreviousGoRoundTheQueue) {
     ASSERT_EQ(p.stop(true), 0);
     EXPECT_EQ(p.next(), 0);
     EXPECT_EQ(p.getCurrTrackIndex(), 0u);
-    p.skipWhileStopped(true);
+    p.skipPlays = true;
     ASSERT_EQ(p.next(), 0);
     ASSERT_TRUE(p.waitForStarts(4));
     EXPECT_EQ(p.starts().back(), "start 1");
@@ -177,16 +176,14 @@ TEST_F(WorkerTest, NextAndPreviousGoRoundTheQueue) {
 TEST_F(WorkerTest, ACommandCutsALongTrackStartShortAndWins) {
     makePlaylist("three", 3);
     ScriptedPlayer p("three");
-    Gate entered;
     // A device that takes its time, in naps a command cuts short (then it gives up).
     p.onStart([&](size_t) {
-        entered.open();
         for (int i = 0; i < 2000; ++i)
             if (!p.steps().nap(5ms)) return Start::Refused;
         return Start::Started;
     });
     ASSERT_EQ(p.play(), 0);
-    ASSERT_TRUE(entered.wait());
+    ASSERT_TRUE(p.waitForStarts(1));
     const auto before = std::chrono::steady_clock::now();
     ASSERT_EQ(p.stop(true), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
@@ -200,13 +197,13 @@ TEST_F(WorkerTest, AStopThatHangsIsGivenUpAndCarriedOutLater) {
     ScriptedPlayer p("three", 200ms);
     ASSERT_EQ(p.play(), 0);
     ASSERT_TRUE(p.waitForCount("follow", 1));
-    Gate release;
-    p.onStop([&] { release.wait(); });
+    std::atomic<bool> release{false};
+    p.onStop([&] { testsupport::eventually([&] { return release.load(); }); });
     const auto before = std::chrono::steady_clock::now();
     EXPECT_EQ(p.stop(true), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - before, 5s) << "the caller's wait is bounded";
-    release.open();
-    ASSERT_TRUE(testsupport::eventually([&] { return p.isParked(); }, 10s));
+    release = true;
+    ASSERT_TRUE(testsupport::eventually([&] { return p.isParked(); }));
     EXPECT_EQ(p.getPlayerState(), STATE_STOP_E);
     ASSERT_EQ(p.play(), 0);
     ASSERT_TRUE(p.waitForCount("start 0", 2)) << "the worker takes commands again";
@@ -222,20 +219,20 @@ TEST_F(WorkerTest, FollowsAPauseStopOrResumeMadeOnTheDeviceItself) {
 
     next = Follow::PausedOutside;
     ASSERT_TRUE(p.waitForCount("pause", 1));
-    ASSERT_TRUE(testsupport::eventually([&] { return p.getPlayerState() == STATE_PAUSE_E && p.isParked(); }, 10s));
+    ASSERT_TRUE(testsupport::eventually([&] { return p.getPlayerState() == STATE_PAUSE_E && p.isParked(); }));
 
     // Resumed on the device: the player plays on without telling the device anything.
     p.takeCalls();
-    p.seenResumingOnDevice(true);
+    p.resumedOnDevice = true;
     ASSERT_TRUE(p.waitForCount("follow", 1));
-    p.seenResumingOnDevice(false);
+    p.resumedOnDevice = false;
     EXPECT_EQ(p.getPlayerState(), STATE_PLAY_E);
     EXPECT_FALSE(contains(p.calls(), "resume"));
     EXPECT_TRUE(p.starts().empty());
 
     next = Follow::StoppedOutside;
     ASSERT_TRUE(p.waitForCount("stop(true)", 1));
-    ASSERT_TRUE(testsupport::eventually([&] { return p.getPlayerState() == STATE_STOP_E; }, 10s));
+    ASSERT_TRUE(testsupport::eventually([&] { return p.getPlayerState() == STATE_STOP_E; }));
 }
 
 TEST_F(WorkerTest, DestroyingAPlayingPlayerStopsTheDeviceAndEndsTheThread) {

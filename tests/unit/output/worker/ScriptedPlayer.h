@@ -1,10 +1,12 @@
 // A device player whose device is a script: each step the worker runs is recorded ("start 2",
-// "follow", "pause", "resume", "stop(true)") and answers what the test scripted. Steps may
-// block on a gate to hold the worker inside a device step.
+// "start 1+" after the worker's own advance, "follow", "pause", "resume", "stop(true)") and
+// answers what the test scripted.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -19,6 +21,7 @@
 namespace workertest {
 
 using namespace std::chrono_literals;
+using Calls = std::vector<std::string>;
 
 class ScriptedPlayer : public CDevicePlayer {
 public:
@@ -31,49 +34,44 @@ public:
     }
     ~ScriptedPlayer() override { endWorker(true); }
 
-    // The script; set before the worker gets to the step.
-    void onStart(std::function<Start(size_t index)> fn) { set([&] { m_onStart = std::move(fn); }); }
-    void onFollow(std::function<Follow()> fn) { set([&] { m_onFollow = std::move(fn); }); }
-    void onStop(std::function<void()> fn) { set([&] { m_onStop = std::move(fn); }); }
-    void resumes(bool yes) { set([&] { m_resumes = yes; }); }
-    void seenResumingOnDevice(bool yes) { set([&] { m_resumedOnDevice = yes; }); }
-    void skipWhileStopped(bool plays) { set([&] { m_skipPlays = plays; }); }
-    void stopAfterEachTrack(bool yes) { set([&] { m_stopAfterEachTrack = yes; }); }
+    // The script; may change while the worker runs.
+    void onStart(std::function<Start(size_t index)> fn) { set(m_onStart, std::move(fn)); }
+    void onFollow(std::function<Follow()> fn) { set(m_onFollow, std::move(fn)); }
+    void onStop(std::function<void()> fn) { set(m_onStop, std::move(fn)); }
+    std::atomic<bool> resumes{true};             // resumeDevice's answer
+    std::atomic<bool> resumedOnDevice{false};    // whileParked's answer
+    std::atomic<bool> skipPlays{false};          // skipWhileStoppedPlays
+    std::atomic<bool> stopAfterEachTrack{false};  // a back-end that stops after each finished track
 
-    // Waits (generously) until the recorded calls satisfy pred (called with the lock held: it
-    // must look only at its argument).
-    bool waitFor(const std::function<bool(const std::vector<std::string>&)>& pred, std::chrono::seconds d = 10s) {
+    // Waits (generously) until the recorded calls satisfy pred (called with the lock held).
+    bool waitFor(const std::function<bool(const Calls&)>& pred) {
         std::unique_lock lock(m_mutex);
-        return m_cond.wait_for(lock, d, [&] { return pred(m_calls); });
+        return m_cond.wait_for(lock, 10s, [&] { return pred(m_calls); });
     }
     bool waitForCount(const std::string& call, size_t n) {
-        return waitFor([&](const std::vector<std::string>& calls) { return count(calls, call) >= n; });
+        return waitFor([&](const Calls& calls) { return count(calls, call) >= n; });
     }
-    static size_t count(const std::vector<std::string>& calls, const std::string& call) {
-        size_t n = 0;
-        for (const auto& c : calls) n += c == call;
-        return n;
+    bool waitForStarts(size_t n) {
+        return waitFor([&](const Calls& calls) { return startsIn(calls).size() >= n; });
     }
-    std::vector<std::string> calls() {
-        std::lock_guard lock(m_mutex);
-        return m_calls;
+    static size_t count(const Calls& calls, const std::string& call) {
+        return static_cast<size_t>(std::count(calls.begin(), calls.end(), call));
     }
-    // The calls since the last look, then forgotten.
-    std::vector<std::string> takeCalls() {
-        std::lock_guard lock(m_mutex);
-        return std::exchange(m_calls, {});
-    }
-    // The track starts, in order.
-    static std::vector<std::string> startsIn(const std::vector<std::string>& calls) {
-        std::vector<std::string> out;
+    static Calls startsIn(const Calls& calls) {
+        Calls out;
         for (const auto& c : calls)
             if (c.rfind("start ", 0) == 0) out.push_back(c);
         return out;
     }
-    std::vector<std::string> starts() { return startsIn(calls()); }
-    // Waits until at least n tracks started.
-    bool waitForStarts(size_t n) {
-        return waitFor([&](const std::vector<std::string>& calls) { return startsIn(calls).size() >= n; });
+    Calls calls() {
+        std::lock_guard lock(m_mutex);
+        return m_calls;
+    }
+    Calls starts() { return startsIn(calls()); }
+    // The calls since the last look, then forgotten.
+    Calls takeCalls() {
+        std::lock_guard lock(m_mutex);
+        return std::exchange(m_calls, {});
     }
     PlaybackWorker& steps() { return worker(); }
 
@@ -99,24 +97,24 @@ protected:
     void pauseDevice() override { record("pause"); }
     bool resumeDevice() override {
         record("resume");
-        return get(m_resumes);
+        return resumes;
     }
     void stopDevice(bool force) override {
         record(force ? "stop(true)" : "stop(false)");
         if (auto fn = get(m_onStop)) fn();
     }
-    bool whileParked(bool) override { return get(m_resumedOnDevice); }
+    bool whileParked(bool) override { return resumedOnDevice; }
     bool playsOnAfterTrack(bool more, playMode_e mode) const override {
-        return get(m_stopAfterEachTrack) ? false : DeviceSteps::playsOnAfterTrack(more, mode);
+        return !stopAfterEachTrack && DeviceSteps::playsOnAfterTrack(more, mode);
     }
-    bool skipWhileStoppedPlays() const override { return get(m_skipPlays); }
+    bool skipWhileStoppedPlays() const override { return skipPlays; }
     std::chrono::milliseconds passPeriod() const override { return 5ms; }
 
 private:
-    template <class Fn>
-    void set(Fn fn) {
+    template <class T>
+    void set(T& field, T value) {
         std::lock_guard lock(m_mutex);
-        fn();
+        field = std::move(value);
     }
     template <class T>
     T get(const T& field) const {
@@ -133,36 +131,10 @@ private:
 
     mutable std::mutex m_mutex;  // guards everything below
     std::condition_variable m_cond;
-    std::vector<std::string> m_calls;
+    Calls m_calls;
     std::function<Start(size_t)> m_onStart;
     std::function<Follow()> m_onFollow;
     std::function<void()> m_onStop;
-    bool m_resumes = true;
-    bool m_resumedOnDevice = false;
-    bool m_skipPlays = false;
-    bool m_stopAfterEachTrack = false;
-};
-
-// A one-shot gate a device step can wait behind.
-class Gate {
-public:
-    void open() {
-        {
-            std::lock_guard lock(m_mutex);
-            m_open = true;
-        }
-        m_cond.notify_all();
-    }
-    // Waits until opened; false after d.
-    bool wait(std::chrono::milliseconds d = 10s) {
-        std::unique_lock lock(m_mutex);
-        return m_cond.wait_for(lock, d, [&] { return m_open; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_cond;
-    bool m_open = false;
 };
 
 }  // namespace workertest

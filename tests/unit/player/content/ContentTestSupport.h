@@ -1,5 +1,5 @@
-// Shared by the content-resolution tests: the simulated appliance root of the binary, a player
-// back-end that only records, and what the fakes recorded in calls.log.
+// Shared by the content-resolution tests: the simulated appliance root of the binary, and what
+// the fakes recorded in calls.log.
 #pragma once
 
 #include <string>
@@ -13,11 +13,7 @@ namespace contenttest {
 using testsupport::callLine;
 using Lines = std::vector<std::string>;
 
-class IdlePlayer : public testsupport::FakePlayer {
-public:
-    explicit IdlePlayer(const char* title = "", const char* appType = "")
-        : FakePlayer(playertype::kDlna, "uuid:content-1", "Den", title, appType) {}
-};
+using testsupport::FakePlayer;
 
 class ContentTest : public testsupport::SimRootTest {
 protected:

@@ -19,12 +19,6 @@ playlistElm_s entry(contentType_e type, mediaType_e media, std::string content) 
     return e;
 }
 
-void makeList(const char* title, const std::string& owner, const std::vector<playlistElm_s>& entries) {
-    ASSERT_EQ(playlistStore().addPlaylist(title, MEDIA_MIXED_E, "music", owner.c_str(), ""), 0);
-    for (const auto& e : entries)
-        ASSERT_EQ(playlistStore().addElmInPlaylist(title, e.MediaType, e.ContentType, "music", e.Content.c_str(), -1), 0);
-}
-
 std::string currentUser() {
     struct passwd* pw = getpwuid(geteuid());
     return pw ? pw->pw_name : "";
@@ -33,7 +27,7 @@ std::string currentUser() {
 }  // namespace
 
 TEST_F(ContentTest, TotalTimeIsMeasuredOnTheFile) {
-    IdlePlayer player;
+    FakePlayer player;
     player.setTotalTime(entry(CONTENT_FILE_E, MEDIA_AUDIO_E, at(kRain)));
     EXPECT_EQ(player.getTotalTime(), "00:00:03");
     EXPECT_EQ(newCalls(), (Lines{callLine("ardith", {"getDuration", "--filePath", at(kRain)})}));
@@ -62,7 +56,7 @@ TEST_F(ContentTest, TotalTimeIsMeasuredOnTheFile) {
 }
 
 TEST_F(ContentTest, AutoPlugSubtitleIsTheTrackTheServerMarksAutomatic) {
-    IdlePlayer player;
+    FakePlayer player;
     // holiday.fr.srt comes first in the answer but is not marked.
     ASSERT_EQ(player.findAutoPlugSubtitle(entry(CONTENT_OBJECT_E, MEDIA_VIDEO_E, "vi_201")), 0);
     EXPECT_EQ(player.getAutoPlugSubtitle(), at("share/Public/Video/holiday.srt"));
@@ -87,9 +81,9 @@ TEST_F(ContentTest, PlayHistoryRecordsPositionTotalAndOwner) {
     const std::string owner = currentUser();
     ASSERT_FALSE(owner.empty());
     const std::string uid = std::to_string(geteuid());
-    makeList("mix", owner, {entry(CONTENT_FILE_E, MEDIA_AUDIO_E, at(kPwned)), entry(CONTENT_OBJECT_E, MEDIA_AUDIO_E, "mu_102"),
-                            entry(CONTENT_DBID_E, MEDIA_VIDEO_E, "201")});
-    IdlePlayer player("mix", "music");
+    testsupport::makePlaylist("mix", {testsupport::file(at(kPwned)), testsupport::object("mu_102"),
+                                      {MEDIA_VIDEO_E, CONTENT_DBID_E, "201"}}, "music", owner);
+    FakePlayer player("mix", "music");
     ASSERT_EQ(player.getPlaylistSize(), 3u);
 
     // Nothing played yet: nothing to record.
@@ -117,8 +111,8 @@ TEST_F(ContentTest, PlayHistoryRecordsPositionTotalAndOwner) {
 }
 
 TEST_F(ContentTest, PlayHistoryNeedsAnOwnerKnownToTheSystem) {
-    makeList("strangers", "no-such-user-velmora", {entry(CONTENT_FILE_E, MEDIA_AUDIO_E, at(kRain))});
-    IdlePlayer player("strangers", "music");
+    testsupport::makePlaylist("strangers", {testsupport::file(at(kRain))}, "music", "no-such-user-velmora");
+    FakePlayer player("strangers", "music");
     player.setCurrTime(5);
     EXPECT_EQ(player.savePlayHistory(), -1);
     EXPECT_EQ(callLog.count("ebonry"), 0);
