@@ -1,14 +1,19 @@
-// The daemon as its clients see it: start-up and the request envelope. (What the socket server
-// guarantees against silent, dripping and vanishing clients is the connection server's test.)
+// The daemon as its clients see it: start-up, the request envelope, and hostile clients that
+// must not keep the others out.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
+#include <thread>
+#include <vector>
 
 #include "integration/DaemonFixture.h"
 #include "unit/support/Files.h"
@@ -17,6 +22,19 @@ using namespace itest;
 using namespace std::chrono_literals;
 
 namespace {
+
+// A connected client socket to path (reads give up after 15 s), or -1.
+int connectTo(const std::string& path) {
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    timeval tv{15, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0) return fd;
+    if (fd >= 0) ::close(fd);
+    return -1;
+}
 
 class DaemonTest : public ::testing::Test {
 protected:
@@ -82,6 +100,34 @@ TEST_F(DaemonTest, FailingCommandsNeverEndTheDaemonAndPolledOnesStayOutOfTheLog)
     EXPECT_EQ(daemon->log().find("Command:GetVolume"), std::string::npos);
     EXPECT_EQ(daemon->log().find("Command:GetMute"), std::string::npos);
     EXPECT_EQ(daemon->request("echo").status, "ECHO");
+}
+
+TEST_F(DaemonTest, HundredsOfSilentAndDrippingClientsDoNotKeepOthersOut) {
+    constexpr int kSilent = 300, kDripping = 150;
+    std::vector<int> silent, dripping;
+    for (int i = 0; i < kSilent; ++i) silent.push_back(connectTo(root.socketPath()));
+    for (int i = 0; i < kDripping; ++i) dripping.push_back(connectTo(root.socketPath()));
+    ::close(connectTo(root.socketPath()));  // vanishes: its answer is never read
+    std::atomic<bool> stop{false};
+    std::thread drip([&] {
+        for (int round = 0; !stop; ++round) {
+            for (int fd : dripping) ::send(fd, round == 0 ? "<" : "r", 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+            for (int i = 0; i < 10 && !stop; ++i) std::this_thread::sleep_for(20ms);
+        }
+    });
+
+    // Each echo well inside the time the hostile connections are allowed to last.
+    for (int i = 0; i < 10; ++i) {
+        vclient::Exchange ex = vclient::exchange(root.socketPath(), "<root><command>echo</command></root>", 10);
+        EXPECT_TRUE(ex.ok) << ex.error;
+    }
+    stop = true;
+    drip.join();
+    for (int fd : silent) EXPECT_GE(fd, 0);
+    for (int fd : dripping) EXPECT_GE(fd, 0);
+    for (int fd : silent) ::close(fd);
+    for (int fd : dripping) ::close(fd);
+    EXPECT_TRUE(daemon->running());
 }
 
 TEST(DaemonStartTest, ADaemonUnderAnotherNameStillCountsAsTheRootsOne) {

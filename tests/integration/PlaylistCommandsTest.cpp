@@ -235,9 +235,22 @@ TEST_F(PlaylistTest, HostileTextsSurviveDuplicationAndARestartAndVideosAreMarked
     EXPECT_NE(::access((root.path() + "/tmp/.dupPlaylist.list").c_str(), F_OK), 0);
 
     ASSERT_EQ(daemon->stop(), 0) << daemon->log();
+    // A title an older daemon stored without checking: bytes that are not UTF-8.
+    const std::string db = root.path() + "/share/.modl/.@Ostrafel/playlist.db";
+    playlisttest::rawQuery(db, "INSERT INTO PlaylistLib_TBL (PlaylistType, AppType, PlaylistTitle, Owner, Tag) "
+                               "SELECT PlaylistType, AppType, CAST(X'626164FFFEC0806E616D65' AS TEXT), Owner, Tag "
+                               "FROM PlaylistLib_TBL WHERE PlaylistTitle = 'Empty'");
     start();
     EXPECT_EQ(contents(kHostileTitle), (Strings{kHostileContent, "clip.mp4", "obj-1"}));
     EXPECT_EQ(text(req("ListPlaylist", {{"appType", "music"}}), "playlist", 0, "title"), kHostileTitle);
+    // It still lists, as well-formed UTF-8 with the bad bytes replaced, and so do the others.
+    const vclient::Exchange all = daemon->raw(vclient::buildRequest("ListPlaylist", {{"appType", "music"}}));
+    ASSERT_TRUE(all.ok) << all.error;
+    EXPECT_EQ(all.answer.find('\xff'), std::string::npos);
+    EXPECT_NE(all.answer.find("bad\xEF\xBF\xBD"), std::string::npos) << all.answer;
+    const vclient::Answer parsed = vclient::parseAnswer(all.answer);
+    EXPECT_EQ(parsed.code, 0);
+    EXPECT_EQ(text(parsed, "playlist", 0, "title"), kHostileTitle);
 }
 
 TEST_F(PlaylistTest, UpnpObjectIdComesFromTheMediaAgent) {
