@@ -15,7 +15,6 @@
 #include "util/PathUtil.h"
 #include "util/Process.h"
 #include "util/Subtitle.h"
-#include "util/TimeText.h"
 #include "agent/MediaAgent.h"
 
 using namespace std::chrono_literals;
@@ -442,16 +441,9 @@ DeviceSteps::Follow CDlnaPlayer::followTrack() {
 }
 
 DeviceSteps::Follow CDlnaPlayer::followPhoto_() {
-    int delay = getSlideShowDelay();
     VLOG_AT(kCyan, "[%lu][%s][DelayCount: %d]", static_cast<unsigned long>(pthread_self()), getRenderID().c_str(),
             m_delayCount);
-    setCurrTime(m_delayCount);
-    setTotalTime(sec_to_hhmmss(delay));
-    if (++m_delayCount > delay) {
-        m_delayCount = 0;
-        return Follow::Over;
-    }
-    return Follow::Playing;
+    return followSlide(m_delayCount);  // the count starts again with the next track
 }
 
 DeviceSteps::Follow CDlnaPlayer::followPosition_() {
