@@ -15,6 +15,7 @@
 
 using FakePlayer = testsupport::FakePlayer;
 using TestManager = testsupport::FakeManager;
+using testsupport::file;
 using testsupport::makePlaylist;
 
 class CommandTest : public testsupport::SimRootTest {
@@ -40,6 +41,11 @@ protected:
         commandHandler_t handler = findCommand(command.c_str());
         EXPECT_NE(handler, nullptr) << command;
         return handler ? handler(*manager, request, answer) : -7;
+    }
+    // The same, addressed to the render "uuid:tv".
+    int runTv(const std::string& command, vclient::Params params = {}) {
+        params.insert(params.begin(), {"dev", "uuid:tv"});
+        return run(command, params);
     }
     const char* field(const char* name) { return answer.getChildNode(name).getText(); }
     // Lists the render and gives it a player on the playlist, as a client would.

@@ -9,8 +9,7 @@ class PlaylistFollowTest : public CommandTest {
 protected:
     void SetUp() override {
         CommandTest::SetUp();
-        makePlaylist("Mix", {{MEDIA_AUDIO_E, CONTENT_FILE_E, "a"}, {MEDIA_AUDIO_E, CONTENT_FILE_E, "b"},
-                             {MEDIA_AUDIO_E, CONTENT_FILE_E, "c"}, {MEDIA_AUDIO_E, CONTENT_FILE_E, "d"}});
+        makePlaylist("Mix", {file("a"), file("b"), file("c"), file("d")});
         tv = playerOn("uuid:tv", "Mix");
     }
 

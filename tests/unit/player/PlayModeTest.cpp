@@ -15,17 +15,6 @@ bool isPermutation(std::vector<uint64_t> orders) {
     return true;
 }
 
-// Puts the player into `mode` the way a client would get there from NORMAL.
-void enterMode(CPlayer& p, playMode_e mode) {
-    if (mode == PLAYMODE_SHUFFLE_REPEAT_ONE_E) {
-        p.setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
-        p.setPlayMode(PLAYMODE_REPEAT_ONE_E, 0, 0);
-    } else {
-        p.setPlayMode(mode, 0, 0);
-    }
-    ASSERT_EQ(p.getPlayMode(), mode);
-}
-
 TEST_F(PlayModeTest, ResultingModeOfEveryTransition) {
     makePlaylist("list", 5);
     for (int from = 0; from <= 5; ++from) {
@@ -42,7 +31,7 @@ TEST_F(PlayModeTest, ResultingModeOfEveryTransition) {
     }
 }
 
-TEST_F(PlayModeTest, WhichTransitionsShuffleTheQueue) {
+TEST_F(PlayModeTest, WhichTransitionsShuffleTheQueueAndWhatLeavingOneRestores) {
     makePlaylist("list", 60);  // large enough that a shuffle leaving playlist order is practically impossible
     auto p = playerWith("list");
 
@@ -63,22 +52,17 @@ TEST_F(PlayModeTest, WhichTransitionsShuffleTheQueue) {
     p->setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
     EXPECT_NE(queueOrders(*p), shuffled) << "SHUFFLE_REPEAT_ONE -> SHUFFLE reshuffles";
     EXPECT_TRUE(isPermutation(queueOrders(*p)));
-}
 
-TEST_F(PlayModeTest, LeavingShuffleRestoresPlaylistOrder) {
-    makePlaylist("list", 20);
-    auto p = playerWith("list");
-    p->setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
+    // Leaving a shuffle restores playlist order.
     p->setCurrTrackIndex(7);
     uint64_t playing = p->getPlayQueue()[7].order;
     p->setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
-    EXPECT_EQ(queueOrders(*p), identity(20));
+    EXPECT_EQ(queueOrders(*p), identity(60));
     EXPECT_EQ(p->getCurrTrackIndex(), playing) << "from SHUFFLE the index follows the track being played";
-
     enterMode(*p, PLAYMODE_SHUFFLE_REPEAT_ONE_E);
     p->setCurrTrackIndex(7);
     p->setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
-    EXPECT_EQ(queueOrders(*p), identity(20));
+    EXPECT_EQ(queueOrders(*p), identity(60));
     EXPECT_EQ(p->getCurrTrackIndex(), 7u) << "from SHUFFLE_REPEAT_ONE the index stays";
 }
 

@@ -66,17 +66,15 @@ TEST_F(PlayQueueTest, SetPlaylistRestartsOnlyWhatWasPlaying) {
 }
 
 // Deletes one entry of five and checks the index and the device calls.
-struct DeleteCase {
-    const char* what;
-    playMode_e mode;
-    uint64_t current;
-    size_t deleted;
-    uint64_t index;
-    Calls calls;
-};
-
 TEST_F(PlayQueueTest, DeleteRelativeToTheCurrentTrack) {
-    const DeleteCase cases[] = {
+    const struct {
+        const char* what;
+        playMode_e mode;
+        uint64_t current;
+        size_t deleted;
+        uint64_t index;
+        Calls calls;
+    } cases[] = {
         {"before", PLAYMODE_NORMAL_E, 2, 0, 1, {}},
         {"after", PLAYMODE_NORMAL_E, 2, 4, 2, {}},
         {"current", PLAYMODE_NORMAL_E, 2, 2, 2, {"stop(true)", "play"}},
@@ -111,7 +109,7 @@ TEST_F(PlayQueueTest, DeleteRelativeToTheCurrentTrack) {
     EXPECT_TRUE(p->calls.empty());
 }
 
-TEST_F(PlayQueueTest, ReorderInPlaylistOrderMovesTheItem) {
+TEST_F(PlayQueueTest, ReorderMovesTheItemOrInAShuffleSwapsTwo) {
     makePlaylist("list", 5);
     auto p = playerWith("list");
     p->setCurrTrackIndex(1);
@@ -123,18 +121,15 @@ TEST_F(PlayQueueTest, ReorderInPlaylistOrderMovesTheItem) {
     EXPECT_EQ(queueOrders(*p), identity(5));
     EXPECT_EQ(p->getCurrTrackIndex(), 1u) << "the caller moves the index";
     EXPECT_TRUE(p->calls.empty());
-}
 
-TEST_F(PlayQueueTest, ReorderInShuffleSwapsTheTwoTracks) {
-    makePlaylist("list", 8);
-    auto p = playerWith("list");
+    // In a shuffle the two tracks swap places.
     p->setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
     auto queue = p->getPlayQueue();
     auto at = [&](uint64_t order) {
         return std::find_if(queue.begin(), queue.end(), [&](const auto& item) { return item.order == order; });
     };
-    std::iter_swap(at(2), at(6));
-    p->reorderPlayQueue(2, 6);
+    std::iter_swap(at(1), at(4));
+    p->reorderPlayQueue(1, 4);
     for (size_t i = 0; i < queue.size(); ++i)
         EXPECT_EQ(std::pair(p->getPlayQueue()[i].order, p->getPlayQueue()[i].uuid),
                   std::pair(queue[i].order, queue[i].uuid)) << i;

@@ -10,10 +10,6 @@ namespace {
 
 using testsupport::FakeManager;
 
-int count(const std::vector<std::string>& calls, const char* call) {
-    return static_cast<int>(std::count(calls.begin(), calls.end(), call));
-}
-
 TEST(PlayerManagerTest, PlayerIsRetiredOnTheFourthMissedListingInARowAndRevived) {
     FakeManager m;
     EXPECT_EQ(m.add("uuid:never-seen"), nullptr) << "an undiscovered render gets no player";
@@ -35,8 +31,7 @@ TEST(PlayerManagerTest, PlayerIsRetiredOnTheFourthMissedListingInARowAndRevived)
         m.housekeepingPass();
         EXPECT_EQ(m.getNumOfPlayer(), pass < 4 ? 2u : 1u) << "pass " << pass;
     }
-    EXPECT_EQ(count(a->calls, "stop(true)"), 1);
-    EXPECT_EQ(count(a->calls, "monitor(off)"), 1);
+    for (const char* call : {"stop(true)", "monitor(off)"}) EXPECT_EQ(std::count(a->calls.begin(), a->calls.end(), call), 1);
 
     // Back on the network: the very same player returns, with the address of this listing.
     m.listOnly({"a", "b"});

@@ -2,7 +2,6 @@
 // players whose back-end records what the base class asks of the device.
 #pragma once
 
-#include <chrono>
 #include <memory>
 #include <numeric>
 #include <string>
@@ -59,6 +58,12 @@ protected:
         std::vector<uint64_t> out(n);
         std::iota(out.begin(), out.end(), 0);
         return out;
+    }
+    // Puts the player into `mode` the way a client would get there from NORMAL.
+    static void enterMode(CPlayer& p, playMode_e mode) {
+        if (mode == PLAYMODE_SHUFFLE_REPEAT_ONE_E) p.setPlayMode(PLAYMODE_SHUFFLE_E, 0, 0);
+        p.setPlayMode(mode == PLAYMODE_SHUFFLE_REPEAT_ONE_E ? PLAYMODE_REPEAT_ONE_E : mode, 0, 0);
+        ASSERT_EQ(p.getPlayMode(), mode);
     }
     // A player with the "music" playlist title loaded.
     static std::unique_ptr<FakePlayer> playerWith(const char* title) { return std::make_unique<FakePlayer>(title, "music"); }

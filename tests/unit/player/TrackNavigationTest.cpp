@@ -22,8 +22,7 @@ TEST_F(TrackNavigationTest, AdvancePastTheLastTrackInEveryMode) {
     makePlaylist("list", 4);
     for (const auto& c : cases) {
         auto p = playerWith("list");
-        p->setPlayMode(c.mode == PLAYMODE_SHUFFLE_REPEAT_ONE_E ? PLAYMODE_SHUFFLE_E : c.mode, 0, 0);
-        if (c.mode == PLAYMODE_SHUFFLE_REPEAT_ONE_E) p->setPlayMode(PLAYMODE_REPEAT_ONE_E, 0, 0);
+        enterMode(*p, c.mode);
         p->setCurrTrackIndex(3);
         // Each advance starts the next track from scratch: no time, default tracks, no subtitle.
         for (int step = 0; step < 2; ++step) {

@@ -19,11 +19,6 @@ playlistElm_s entry(contentType_e type, mediaType_e media, std::string content) 
     return e;
 }
 
-std::string currentUser() {
-    struct passwd* pw = getpwuid(geteuid());
-    return pw ? pw->pw_name : "";
-}
-
 }  // namespace
 
 TEST_F(ContentTest, TotalTimeIsMeasuredOnTheFile) {
@@ -78,8 +73,9 @@ TEST_F(ContentTest, AutoPlugSubtitleIsTheTrackTheServerMarksAutomatic) {
 }
 
 TEST_F(ContentTest, PlayHistoryRecordsPositionTotalAndOwner) {
-    const std::string owner = currentUser();
-    ASSERT_FALSE(owner.empty());
+    const struct passwd* pw = getpwuid(geteuid());
+    ASSERT_NE(pw, nullptr);
+    const std::string owner = pw->pw_name;
     const std::string uid = std::to_string(geteuid());
     testsupport::makePlaylist("mix", {testsupport::file(at(kPwned)), testsupport::object("mu_102"),
                                       {MEDIA_VIDEO_E, CONTENT_DBID_E, "201"}}, "music", owner);
@@ -94,7 +90,7 @@ TEST_F(ContentTest, PlayHistoryRecordsPositionTotalAndOwner) {
     player.setTotalTime("00:03:00");
     ASSERT_EQ(player.savePlayHistory(), 0);
     EXPECT_EQ(newCalls(), (Lines{callLine("ebonry", {"savePlayHistory", at(kPwned), "-p", "42",
-                                                                        "-m", "1", "-s", "180", "-o", uid})}));
+                                                     "-m", "1", "-s", "180", "-o", uid})}));
 
     // An object is recorded under its file; the seek offset counts towards the position.
     player.setCurrTrackIndex(1);
@@ -107,7 +103,7 @@ TEST_F(ContentTest, PlayHistoryRecordsPositionTotalAndOwner) {
     player.setCurrTrackIndex(2);
     ASSERT_EQ(player.savePlayHistory(), 0);
     EXPECT_EQ(newCalls(), (Lines{callLine("ebonry", {"savePlayHistory", "-p", "102", "-m", "1",
-                                                                        "-e", "201", "-a", "2", "-x", uid})}));
+                                                     "-e", "201", "-a", "2", "-x", uid})}));
 }
 
 TEST_F(ContentTest, PlayHistoryNeedsAnOwnerKnownToTheSystem) {
@@ -156,5 +152,4 @@ TEST_F(ContentTest, RealFilePathResolvesLinksToRegularFiles) {
         EXPECT_EQ(CPlayer::getRealFilePath(bad.c_str(), real), -1) << bad;
     EXPECT_EQ(CPlayer::getRealFilePath(nullptr, real), -1);
     EXPECT_EQ(real, "kept");
-    std::filesystem::remove_all(dir);
 }
