@@ -17,20 +17,13 @@ XMLNode reply() { return XMLNode::createXMLTopNode("root"); }
 }  // namespace
 
 TEST(DecodeAvahi, UndoesDecimalAndCharacterEscapes) {
-    struct {
-        const char* in;
-        const char* out;
-    } cases[] = {
-        {"Living\\032Room", "Living Room"},
-        {"a\\059b\\092c", "a;b\\c"},
-        {"Bob\\'s\\.TV", "Bob's.TV"},
-        {"x\\03", "x03"},  // too short for a decimal escape: the backslash alone goes
-        {"end\\", "end"},
-    };
-    for (const auto& c : cases) {
+    // "x\\03" is too short for a decimal escape: the backslash alone goes.
+    for (auto [in, decoded] : {std::pair("Living\\032Room", "Living Room"), std::pair("a\\059b\\092c", "a;b\\c"),
+                               std::pair("Bob\\'s\\.TV", "Bob's.TV"), std::pair("x\\03", "x03"),
+                               std::pair("end\\", "end")}) {
         std::string out;
-        EXPECT_EQ(decodeAvahi(c.in, out), 0);
-        EXPECT_EQ(out, c.out) << c.in;
+        EXPECT_EQ(decodeAvahi(in, out), 0);
+        EXPECT_EQ(out, decoded) << in;
     }
     std::string out;
     EXPECT_EQ(decodeAvahi("", out), 1);
@@ -72,23 +65,17 @@ std::string raopLine(const std::string& name, const std::string& txt) {
 }  // namespace
 
 TEST(ParseDevices, AirplayReceiversListOnlyWhenTheyPlayVideo) {
-    const struct {
-        std::string txt;
-        bool listed;
-    } cases[] = {
-        {R"("model=AppleTV3,2" "features=0x5A7FFFF7,0x1E" "deviceid=58:55:CA:1A:2B:3C" "pw=1")", true},
-        {R"("deviceid=58:55:CA:1A:2B:3D" "features=0x445F8A00,0x1C340")", false},  // audio only
-        {R"("deviceid=58:55:CA:1A:2B:3E" "features=garbage")", false},
-        {R"("deviceid=58:55:CA:1A:2B:3F" "model=Xbmc,1")", true},  // no features at all
-    };
-    for (const auto& c : cases) {
-        XMLNode root = reply();
-        ASSERT_EQ(parseDevices(airplayLine("Bedroom\\032TV", c.txt), root, AVAHI_AIRPLAY_E), 0);
-        EXPECT_EQ(root.nChildNode("device"), c.listed ? 1 : 0) << c.txt;
+    XMLNode root;
+    for (auto [txt, listed] : {std::pair(R"("deviceid=58:55:CA:1A:2B:3D" "features=0x445F8A00,0x1C340")", 0),  // audio only
+                               std::pair(R"("deviceid=58:55:CA:1A:2B:3E" "features=garbage")", 0),
+                               std::pair(R"("deviceid=58:55:CA:1A:2B:3F" "model=Xbmc,1")", 1),  // no features at all
+                               std::pair(R"("model=AppleTV3,2" "features=0x5A7FFFF7,0x1E" "deviceid=58:55:CA:1A:2B:3C" "pw=1")",
+                                         1)}) {
+        root = reply();
+        ASSERT_EQ(parseDevices(airplayLine("Bedroom\\032TV", txt), root, AVAHI_AIRPLAY_E), 0);
+        EXPECT_EQ(root.nChildNode("device"), listed) << txt;
     }
-    XMLNode root = reply();
-    parseDevices(airplayLine("Bedroom\\032TV", cases[0].txt), root, AVAHI_AIRPLAY_E);
-    XMLNode tv = root.getChildNode("device");
+    XMLNode tv = root.getChildNode("device");  // of the last line
     EXPECT_STREQ(tv.getAttribute("Type"), "AirPlay");
     EXPECT_STREQ(childText(tv, "deviceName"), "Bedroom TV");
     EXPECT_STREQ(childText(tv, "deviceId"), "5855CA1A2B3C");
@@ -99,12 +86,8 @@ TEST(ParseDevices, AirplayReceiversListOnlyWhenTheyPlayVideo) {
 
 TEST(ParseDevices, SpeakersSplitTheirNameAndStateFormatAndEncryption) {
     const struct {
-        std::string name;
-        std::string txt;
-        const char* id;  // null: not listed
-        const char* deviceName;
-        const char* cn;
-        const char* et;
+        std::string name, txt;
+        const char *id, *deviceName, *cn, *et;  // id null: not listed
     } cases[] = {
         {"5855CA1A2B3C\\064Living\\032Room", R"("et=0,3,5" "cn=0,1,2,3" "tp=UDP")", "5855CA1A2B3C", "Living Room", "pcm",
          "none"},

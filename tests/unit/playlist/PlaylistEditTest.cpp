@@ -1,11 +1,10 @@
 // Playlist entries: order numbers kept dense by insertion, deletion, moves and batch insertion,
 // paging limits, and values that must reach the file exactly as given.
-#include <gmock/gmock.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <tuple>
 
 #include "unit/playlist/PlaylistTestSupport.h"
 
@@ -55,23 +54,19 @@ TEST_F(StoreTest, DeleteClosesTheGap) {
 }
 
 TEST_F(StoreTest, MoveShiftsTheEntriesBetween) {
-    int down = makeList("down", 5);
-    EXPECT_EQ(0, m_store->reorderPlaylistElm(down, 1, 3));
-    EXPECT_EQ(contents(down), (Contents{"c0", "c2", "c3", "c1", "c4"}));
-    EXPECT_TRUE(dense(down));
-
-    int up = makeList("up", 5);
-    EXPECT_EQ(0, m_store->reorderPlaylistElm(up, 3, 1));
-    EXPECT_EQ(contents(up), (Contents{"c0", "c3", "c1", "c2", "c4"}));
-    EXPECT_TRUE(dense(up));
-
-    EXPECT_EQ(0, m_store->reorderPlaylistElm(up, 0, 4));
-    EXPECT_EQ(0, m_store->reorderPlaylistElm(up, 4, 0));
-    // Nothing at the source position: nothing moves (a shift alone would open a gap).
-    EXPECT_EQ(0, m_store->reorderPlaylistElm(up, 7, 1));
-    EXPECT_EQ(0, m_store->reorderPlaylistElm(up, 2, 2));
-    EXPECT_EQ(contents(up), (Contents{"c0", "c3", "c1", "c2", "c4"}));
-    EXPECT_TRUE(dense(up));
+    int id = makeList("list", 5);
+    // Down, up, there and back, and from a position that holds nothing: nothing moves (a shift
+    // alone would open a gap).
+    for (auto [from, to, expected] : {std::tuple(1, 3, Contents{"c0", "c2", "c3", "c1", "c4"}),
+                                      std::tuple(3, 1, Contents{"c0", "c1", "c2", "c3", "c4"}),
+                                      std::tuple(0, 4, Contents{"c1", "c2", "c3", "c4", "c0"}),
+                                      std::tuple(4, 0, Contents{"c0", "c1", "c2", "c3", "c4"}),
+                                      std::tuple(7, 1, Contents{"c0", "c1", "c2", "c3", "c4"}),
+                                      std::tuple(2, 2, Contents{"c0", "c1", "c2", "c3", "c4"})}) {
+        EXPECT_EQ(0, m_store->reorderPlaylistElm(id, from, to));
+        EXPECT_EQ(contents(id), expected) << from << " -> " << to;
+        EXPECT_TRUE(dense(id));
+    }
 }
 
 TEST_F(StoreTest, EntryPagingAndSingleReads) {

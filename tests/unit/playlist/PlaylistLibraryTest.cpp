@@ -1,6 +1,5 @@
 // The playlist library (titles per app type, the "ALL" rules) and the database file itself:
 // where it lives, and what happens to a file of another schema version.
-#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -78,29 +77,6 @@ protected:
             if (std::regex_match(entry.path().filename().string(), kBak)) out.push_back(entry.path().string());
         return out;
     }
-    // Replaces the database by one holding playlist "old" and the given version statement.
-    void writeOldDatabase(const std::string& versionSql) {
-        m_store.reset();
-        fs::remove(dbPath());
-        ASSERT_EQ("", rawQuery(dbPath(),
-                               "CREATE TABLE Version_TBL (Version);"
-                               "CREATE TABLE PlaylistLib_TBL (PlaylistID integer PRIMARY KEY,PlaylistType integer, "
-                               "AppType , PlaylistTitle, Owner, Tag);"
-                               "CREATE TABLE Playlist_TBL (UUID integer PRIMARY KEY, PlaylistID, OrderNr, MediaType, "
-                               "ContentType, Content, UPnPObjID);"
-                               "INSERT INTO PlaylistLib_TBL VALUES(NULL, '0', 'music', 'old', '', '');" +
-                                   versionSql));
-    }
-    void expectSetAsideAndRecreated() {
-        m_store = std::make_unique<CSqlitePlaylist>();
-        EXPECT_EQ(0, m_store->getSizeOfPlaylistLib("ALL"));
-        EXPECT_EQ(0, m_store->addPlaylist("old", MEDIA_AUDIO_E, "music", "", ""));  // a fresh library
-        EXPECT_EQ(CSqlitePlaylist::kSchemaVersion, rawQuery(dbPath(), "SELECT Version FROM Version_TBL"));
-        EXPECT_EQ("wal", rawQuery(dbPath(), "PRAGMA journal_mode"));
-        auto baks = backups();
-        ASSERT_EQ(1u, baks.size());
-        EXPECT_EQ("old", rawQuery(baks[0], "SELECT PlaylistTitle FROM PlaylistLib_TBL"));
-    }
 };
 
 TEST_F(VersionTest, CurrentVersionIsKeptWithItsPlaylists) {
@@ -120,9 +96,25 @@ TEST_F(VersionTest, CurrentVersionIsKeptWithItsPlaylists) {
 TEST_F(VersionTest, OtherOrMissingVersionIsSetAside) {
     for (const char* version : {"INSERT INTO Version_TBL VALUES('20120101');", ""}) {
         SCOPED_TRACE(version);
-        writeOldDatabase(version);
-        expectSetAsideAndRecreated();
-        EXPECT_EQ(*version ? "20120101" : "", rawQuery(backups().at(0), "SELECT Version FROM Version_TBL"));
+        // A database holding playlist "old" and the given version.
+        m_store.reset();
+        fs::remove(dbPath());
+        ASSERT_EQ("", rawQuery(dbPath(),
+                               "CREATE TABLE Version_TBL (Version);"
+                               "CREATE TABLE PlaylistLib_TBL (PlaylistID integer PRIMARY KEY,PlaylistType integer, "
+                               "AppType , PlaylistTitle, Owner, Tag);"
+                               "CREATE TABLE Playlist_TBL (UUID integer PRIMARY KEY, PlaylistID, OrderNr, MediaType, "
+                               "ContentType, Content, UPnPObjID);"
+                               "INSERT INTO PlaylistLib_TBL VALUES(NULL, '0', 'music', 'old', '', '');" + std::string(version)));
+        m_store = std::make_unique<CSqlitePlaylist>();
+        EXPECT_EQ(0, m_store->getSizeOfPlaylistLib("ALL"));
+        EXPECT_EQ(0, m_store->addPlaylist("old", MEDIA_AUDIO_E, "music", "", ""));  // a fresh library
+        EXPECT_EQ(CSqlitePlaylist::kSchemaVersion, rawQuery(dbPath(), "SELECT Version FROM Version_TBL"));
+        EXPECT_EQ("wal", rawQuery(dbPath(), "PRAGMA journal_mode"));
+        auto baks = backups();
+        ASSERT_EQ(1u, baks.size());
+        EXPECT_EQ("old", rawQuery(baks[0], "SELECT PlaylistTitle FROM PlaylistLib_TBL"));
+        EXPECT_EQ(*version ? "20120101" : "", rawQuery(baks[0], "SELECT Version FROM Version_TBL"));
         for (const std::string& bak : backups()) fs::remove(bak);
     }
 }
