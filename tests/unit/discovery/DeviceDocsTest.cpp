@@ -67,7 +67,7 @@ TEST(OutputLine, MalformedLinesAreRejected) {
 
 class DeviceDocsTest : public DiscoveryRootTest {};
 
-TEST_F(DeviceDocsTest, UsbAndAnalogOutputDocuments) {
+TEST_F(DeviceDocsTest, UsbAndAnalogOutputDocumentsAndAnUnreadableCard) {
     put("/proc/asound/card1/pcm0p/sub0/status", "state: RUNNING \r\n  owner_pid : 42\n");
     const std::string analog = usbLineWith({{"devType:1", "devType:3"}});
     XMLNode root = XMLNode::createXMLTopNode("root");
@@ -93,16 +93,15 @@ TEST_F(DeviceDocsTest, UsbAndAnalogOutputDocuments) {
     ASSERT_TRUE(alsa_device_doc_gen(kUsbLine + "\n" + analog + "\n" + usbLineWith({{"devType:1", "devType:2"}}), again, 1));
     ASSERT_EQ(again.nChildNode("device"), 1);
     EXPECT_STREQ(again.getChildNode("device").getAttribute("Subtype"), "ANALOG");
-}
 
-TEST_F(DeviceDocsTest, UnreadableCardStatusIsUnknown) {
-    XMLNode root = XMLNode::createXMLTopNode("root");
-    alsa_device_doc_gen(usbLineWith({{"CARD=1", "CARD=9"}, {"sampleRateMode:0", "sampleRateMode:1"}}), root, 0);
-    XMLNode dev = root.getChildNode("device");
+    // A card whose status cannot be read, at a fixed rate.
+    XMLNode unread = XMLNode::createXMLTopNode("root");
+    alsa_device_doc_gen(usbLineWith({{"CARD=1", "CARD=9"}, {"sampleRateMode:0", "sampleRateMode:1"}}), unread, 0);
+    XMLNode dev = unread.getChildNode("device");
     EXPECT_STREQ(childText(dev, "cardStatus"), "unknown");
     EXPECT_FALSE(dev.isAttributeSet("card"));
     EXPECT_FALSE(dev.isAttributeSet("device"));
-    EXPECT_STREQ(childText(attr(dev, "SAMPLERATE"), "CurrentSetting"), "96000");  // a fixed rate
+    EXPECT_STREQ(childText(attr(dev, "SAMPLERATE"), "CurrentSetting"), "96000");
 }
 
 TEST_F(DeviceDocsTest, HdmiMonitorNames) {

@@ -8,7 +8,7 @@
 
 using namespace contenttest;
 
-TEST_F(ContentTest, ObjectIdsAndFilePathsConvertBothWays) {
+TEST_F(ContentTest, IdsPathsAndUrlsConvertWithOnlyTheArgumentsGiven) {
     std::string objectID;
     ASSERT_EQ(mediaagent::dbIDToUpnpObjectID("201", MEDIA_VIDEO_E, objectID), 0);
     EXPECT_EQ(objectID, "vi_201");
@@ -30,6 +30,17 @@ TEST_F(ContentTest, ObjectIdsAndFilePathsConvertBothWays) {
         EXPECT_EQ(newCalls(), agentCall({"-c", "getObjectID", "--filePath", file}));
     }
 
+    // Content URLs carry only the options given; empty texts count as not given.
+    std::string url;
+    ASSERT_EQ(mediaagent::upnpObjectToUrl("vi_201", url), 0);
+    EXPECT_EQ(url, "http://127.0.0.1:8200/media/vi_201.mp4");
+    EXPECT_EQ(newCalls(), agentCall({"-c", "getContentUrl", "--objectID", "vi_201"}));
+    ASSERT_EQ(mediaagent::upnpObjectToUrl("vi_201", url, "", "eth1"), 0);
+    EXPECT_EQ(newCalls(), agentCall({"-c", "getContentUrl", "--objectID", "vi_201", "--interface", "eth1"}));
+    ASSERT_EQ(mediaagent::filePathToUrl(at(kPwned), url, "Chromecast"), 0);
+    EXPECT_EQ(url, "http://127.0.0.1:8200/media/mu_104.mp3");
+    EXPECT_EQ(newCalls(), agentCall({"-c", "getContentUrl", "--filePath", at(kPwned), "--clientType", "Chromecast"}));
+
     int start = 0, duration = 0;
     ASSERT_EQ(mediaagent::dbIDToFilePath("105", MEDIA_AUDIO_E, path, start, duration), 0);
     EXPECT_EQ(std::pair(start, duration), std::pair(1, 1));  // second 1 to 2 of 01 Morning.mp3
@@ -49,20 +60,6 @@ TEST_F(ContentTest, UnknownIdsFailAndLeaveTheOutputs) {
     EXPECT_EQ(std::pair(start, duration), std::pair(7, 8));
     // The browses stopped at the failed conversion.
     EXPECT_EQ(callLog.count("tessaly", {"browse"}), 0);
-}
-
-TEST_F(ContentTest, ContentUrlsCarryOnlyTheOptionsGiven) {
-    std::string url;
-    ASSERT_EQ(mediaagent::upnpObjectToUrl("vi_201", url), 0);
-    EXPECT_EQ(url, "http://127.0.0.1:8200/media/vi_201.mp4");
-    EXPECT_EQ(newCalls(), agentCall({"-c", "getContentUrl", "--objectID", "vi_201"}));
-    // Empty texts count as not given.
-    ASSERT_EQ(mediaagent::upnpObjectToUrl("vi_201", url, "", "eth1"), 0);
-    EXPECT_EQ(newCalls(), agentCall({"-c", "getContentUrl", "--objectID", "vi_201", "--interface", "eth1"}));
-
-    ASSERT_EQ(mediaagent::filePathToUrl(at(kPwned), url, "Chromecast"), 0);
-    EXPECT_EQ(url, "http://127.0.0.1:8200/media/mu_104.mp3");
-    EXPECT_EQ(newCalls(), agentCall({"-c", "getContentUrl", "--filePath", at(kPwned), "--clientType", "Chromecast"}));
 }
 
 TEST_F(ContentTest, BrowseSendsPagingOnlyWhenSetAndConvertsLibraryIdsFirst) {
