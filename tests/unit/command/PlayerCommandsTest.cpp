@@ -14,7 +14,6 @@ TEST_F(CommandTest, SetPlaylistCreatesThePlayerOfAListedRender) {
     FakePlayer* tv = playerOn("uuid:tv", "Party");
     ASSERT_NE(tv, nullptr);
     EXPECT_EQ(tv->getPlaylistSize(), 2u);
-    // Setting it again reaches the same player.
     ASSERT_EQ(runTv("SetPlaylist", {{"playlist", "Party"}, {"appType", "music"}}), 0);
     EXPECT_EQ(manager->player("uuid:tv"), tv);
     EXPECT_EQ(runTv("SetPlaylist"), -3);

@@ -5,7 +5,6 @@ namespace {
 
 class StatusTest : public CommandTest {
 protected:
-    // A player "uuid:tv" on a playlist of the given entries.
     FakePlayer* watching(const std::vector<testsupport::Entry>& entries) {
         makePlaylist("Watch", entries);
         FakePlayer* p = playerOn("uuid:tv", "Watch", playertype::kAlsa | playertype::kAlsaUsb | playertype::kCapAudio);

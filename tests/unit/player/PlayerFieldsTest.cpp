@@ -24,10 +24,7 @@ TEST(PlayerTimeTest, HhmmssToSecond) {
 TEST(PlayerMuteTest, UnmuteRestoresTheVolumeRememberedByAnyPlayer) {
     FakePlayer kitchen, hall;
     kitchen.volume = 40;
-    EXPECT_FALSE(kitchen.isMute());
-    EXPECT_EQ(kitchen.setMute(true), 0);
-    EXPECT_EQ(kitchen.volume, 0);
-    EXPECT_TRUE(kitchen.isMute());
+    EXPECT_EQ(kitchen.setMute(true), 0);  // what muting does to a volume is the command test's
 
     hall.volume = 0;  // already silent: nothing new is remembered
     hall.setMute(true);

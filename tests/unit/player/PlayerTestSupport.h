@@ -12,6 +12,7 @@
 #include "unit/support/Players.h"
 
 using testsupport::FakePlayer;
+using Calls = std::vector<std::string>;  // what a player asked of its device
 
 class PlayerTest : public ::testing::Test {
 protected:
@@ -65,7 +66,6 @@ protected:
         p.setPlayMode(mode == PLAYMODE_SHUFFLE_REPEAT_ONE_E ? PLAYMODE_REPEAT_ONE_E : mode, 0, 0);
         ASSERT_EQ(p.getPlayMode(), mode);
     }
-    // A player with the "music" playlist title loaded.
     static std::unique_ptr<FakePlayer> playerWith(const char* title) { return std::make_unique<FakePlayer>(title, "music"); }
 
     testsupport::TempDir m_tmp{"velmora-player"};

@@ -6,15 +6,12 @@ namespace {
 
 using TrackNavigationTest = PlayerTest;
 
-using Calls = std::vector<std::string>;
-
 TEST_F(TrackNavigationTest, AdvancePastTheLastTrackInEveryMode) {
-    struct Case {
+    const struct {
         playMode_e mode;
         bool more;
         uint64_t index[2];  // after the first and the second advance
-    };
-    const Case cases[] = {
+    } cases[] = {
         {PLAYMODE_NORMAL_E, false, {3, 3}},     {PLAYMODE_REPEAT_E, true, {0, 1}},
         {PLAYMODE_SHUFFLE_E, false, {3, 3}},    {PLAYMODE_SHUFFLE_REPEAT_E, true, {0, 1}},
         {PLAYMODE_REPEAT_ONE_E, true, {3, 3}},  {PLAYMODE_SHUFFLE_REPEAT_ONE_E, true, {3, 3}},
