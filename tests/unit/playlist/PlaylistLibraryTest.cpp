@@ -75,16 +75,10 @@ protected:
 };
 
 TEST_F(VersionTest, CurrentVersionIsKeptWithItsPlaylists) {
-    ASSERT_EQ(0, m_store->addPlaylist("keep", MEDIA_AUDIO_E, "music", "", ""));
-    ASSERT_EQ(0, m_store->addElmInPlaylist("keep", MEDIA_AUDIO_E, CONTENT_FILE_E, "music", "/k", -1));
+    makeList("keep", 1);
     m_store.reset();
-
-    CGlobalsSingleton<CSqlitePlaylist>::reset();
-    CSqlitePlaylist& store = playlistStore();
-    int id = store.getPlaylistID("keep", "music");
-    EXPECT_GE(id, 1);
-    EXPECT_EQ(1, store.getSizeOfPlaylist(id));
-    CGlobalsSingleton<CSqlitePlaylist>::reset();
+    m_store = std::make_unique<CSqlitePlaylist>();
+    EXPECT_EQ(contents(m_store->getPlaylistID("keep", "music")), std::vector<std::string>{"c0"});
     EXPECT_TRUE(backups().empty());
 }
 
