@@ -120,13 +120,9 @@ TEST_F(CannedAgentTest, AnswersWithoutTheElementFail) {
     }
 }
 
-TEST_F(CannedAgentTest, BrowseReturnsTheRawAnswerAndFailsWithoutOne) {
-    answer("  <DIDL-Lite/> \n");
-    std::string out;
-    ASSERT_EQ(mediaagent::browseByUpnpObjectID("x", out), 0);
-    EXPECT_EQ(out, "  <DIDL-Lite/> \n");
+TEST_F(CannedAgentTest, BrowseFailsWithoutAnAnswer) {  // the raw answer itself is the library browse's
     answer("");
-    out = "kept";
+    std::string out = "kept";
     EXPECT_EQ(mediaagent::browseByUpnpObjectID("x", out), -1);
     ::unlink((m_root / "usr/bin/tessaly").c_str());
     EXPECT_EQ(mediaagent::browseByUpnpObjectID("x", out), -1);

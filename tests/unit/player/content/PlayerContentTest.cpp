@@ -12,11 +12,7 @@ using namespace contenttest;
 namespace {
 
 playlistElm_s entry(contentType_e type, mediaType_e media, std::string content) {
-    playlistElm_s e;
-    e.ContentType = type;
-    e.MediaType = media;
-    e.Content = std::move(content);
-    return e;
+    return {.MediaType = media, .ContentType = type, .Content = std::move(content)};
 }
 
 }  // namespace
