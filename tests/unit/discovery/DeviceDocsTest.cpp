@@ -123,17 +123,12 @@ TEST_F(DeviceDocsTest, HdmiMonitorNames) {
 
 TEST(DlnaDocument, CopiesRenderersOfTheAgentList) {
     XMLNode root = XMLNode::createXMLTopNode("root");
-    EXPECT_EQ(dlna_device_doc_gen("", root), -1);
-    EXPECT_EQ(dlna_device_doc_gen("<root><status>localServer_ERR</status><device><type>video</type></device></root>",
-                                  root),
-              -1);
+    auto gen = [&](const std::string& agentXml) { return dlna_device_doc_gen(agentXml, root); };
+    EXPECT_EQ(gen(""), -1);
+    EXPECT_EQ(gen("<root><status>localServer_ERR</status><device><type>video</type></device></root>"), -1);
     EXPECT_EQ(root.nChildNode(), 0);
-
-    ASSERT_EQ(dlna_device_doc_gen("<root><status>success</status>"
-                                  "<device><deviceName>Den &amp; TV</deviceName><deviceId>uuid:1</deviceId>"
-                                  "<ip>10.0.0.7</ip><type>video,audio</type></device>"
-                                  "<device><deviceName>no type</deviceName></device></root>",
-                                  root),
+    ASSERT_EQ(gen("<root><status>success</status><device><deviceName>Den &amp; TV</deviceName><deviceId>uuid:1</deviceId>"
+                  "<ip>10.0.0.7</ip><type>video,audio</type></device><device><deviceName>no type</deviceName></device></root>"),
               0);
     ASSERT_EQ(root.nChildNode("device"), 1);
     XMLNode dev = root.getChildNode("device");

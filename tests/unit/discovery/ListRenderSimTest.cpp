@@ -158,9 +158,7 @@ TEST_F(ListRenderSimTest, RenderTypeFiltersTheSources) {
 
     ASSERT_EQ(listRender(), 0);
     EXPECT_EQ(answer.nChildNode("device"), 7);
-    EXPECT_EQ(calls("avahi-browse", "-rkpt"), 3);
-    EXPECT_EQ(calls("tessaly", "list"), 1);
-    EXPECT_EQ(calls("mpc", "outputs"), 1);
+    EXPECT_EQ(refreshes(), (std::vector<int>{1, 3, 1, 1}));
 }
 
 TEST_F(ListRenderSimTest, WithoutTheMediaServerPackageOnlyDlnaIsListed) {
