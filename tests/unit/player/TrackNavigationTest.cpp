@@ -44,7 +44,7 @@ TEST_F(TrackNavigationTest, AdvancePastTheLastTrackInEveryMode) {
     EXPECT_EQ(empty->getCurrTime(), "00:00:09") << "an empty queue changes nothing";
 }
 
-TEST_F(TrackNavigationTest, SetCurrTrackByNumberAndByOrder) {
+TEST_F(TrackNavigationTest, SetCurrTrackByNumberByOrderAndByContent) {
     makePlaylist("list", 6);
     auto p = playerWith("list");
     EXPECT_EQ(p->setCurrTrack(6), -1);
@@ -74,19 +74,17 @@ TEST_F(TrackNavigationTest, SetCurrTrackByNumberAndByOrder) {
     soft->fakeTraits.softStopOnTrackChange = true;
     ASSERT_EQ(soft->setCurrTrack(1), 0);
     EXPECT_EQ(soft->takeCalls(), (Calls{"stop(false)", "play"}));
-}
 
-TEST_F(TrackNavigationTest, SetCurrTrackByContentPlaysOnlyWhatTheQueueHolds) {
-    makePlaylist("list", 5);
-    auto p = playerWith("list");
-    EXPECT_EQ(p->setCurrTrackByContent("/m/3.mp3"), 0);
-    EXPECT_EQ(p->takeCalls(), (Calls{"stop(true)", "play"}));
-    // Contents match exactly, and an entry added after the queue was loaded has no item to play.
+    // By content: contents match exactly, and an entry added after the queue was loaded has no
+    // item to play.
+    auto q = playerWith("list");
+    EXPECT_EQ(q->setCurrTrackByContent("/m/3.mp3"), 0);
+    EXPECT_EQ(q->takeCalls(), (Calls{"stop(true)", "play"}));
     appendEntry("list", 9);
-    EXPECT_EQ(p->setCurrTrackByContent("/m/3"), -1);
-    EXPECT_EQ(p->setCurrTrackByContent("/m/9.mp3"), -1);
-    EXPECT_EQ(p->getCurrTrackIndex(), 3u);
-    EXPECT_TRUE(p->takeCalls().empty());
+    EXPECT_EQ(q->setCurrTrackByContent("/m/3"), -1);
+    EXPECT_EQ(q->setCurrTrackByContent("/m/9.mp3"), -1);
+    EXPECT_EQ(q->getCurrTrackIndex(), 3u);
+    EXPECT_TRUE(q->takeCalls().empty());
 }
 
 }  // namespace
