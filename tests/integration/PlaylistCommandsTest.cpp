@@ -1,10 +1,7 @@
 // Playlists as front ends use them, through the socket of the real daemon.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <fcntl.h>
-#include <grp.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -23,19 +20,8 @@ namespace {
 const std::string kHostileTitle = "Rock'n'Roll & <Blues> \"live\" $(touch /tmp/pwned) `id` ; ünïcødé";
 const std::string kHostileContent = "/share/Public/Music/it's \"a\" <test> & $(rm -rf x).mp3";
 
-class PlaylistTest : public ::testing::Test {
+class PlaylistTest : public DaemonTestBase {
 protected:
-    void SetUp() override { start(); }
-    void TearDown() override {
-        if (daemon) {
-            EXPECT_EQ(daemon->stop(), 0) << daemon->log();
-        }
-    }
-    void start() {
-        daemon = std::make_unique<Daemon>(root.path());
-        ASSERT_TRUE(daemon->waitReady()) << daemon->log();
-    }
-
     vclient::Answer req(const std::string& command, const vclient::Params& params = {}) {
         return daemon->request(command, params);
     }
@@ -72,8 +58,6 @@ protected:
         return root.path() + "/tmp/" + name;
     }
 
-    SimRoot root;
-    std::unique_ptr<Daemon> daemon;
 };
 
 TEST_F(PlaylistTest, PlaylistsAndEntriesAreListedAndFailuresAnswerTheirCodes) {
@@ -154,31 +138,6 @@ TEST_F(PlaylistTest, BatchFilesAddAtAPositionAndDeleteAndAnswerTheirCodes) {
     EXPECT_EQ(::access(file.c_str(), F_OK), 0) << "a refused file is left in place";
 }
 
-// velmoractl run as an unprivileged user: its exit status, its messages in `output`.
-int runAsNobody(const std::vector<std::string>& args, std::string& output) {
-    int out[2];
-    if (::pipe2(out, O_CLOEXEC) != 0) return -1;
-    std::vector<char*> argv;
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::dup2(out[1], STDOUT_FILENO);
-        ::dup2(out[1], STDERR_FILENO);
-        if (::setgroups(0, nullptr) == 0 && ::setgid(65534) == 0 && ::setuid(65534) == 0)
-            ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
-    ::close(out[1]);
-    char chunk[4096];
-    ssize_t n;
-    while ((n = ::read(out[0], chunk, sizeof chunk)) > 0) output.append(chunk, static_cast<size_t>(n));
-    ::close(out[0]);
-    int status = 0;
-    if (pid < 0 || ::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-    return WEXITSTATUS(status);
-}
-
 TEST_F(PlaylistTest, ABatchFileTheClientCannotReadAnswersAsAMissingOne) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root to run a client as another user";
     // The unprivileged client reaches the socket, and has a directory of its own.
@@ -191,8 +150,15 @@ TEST_F(PlaylistTest, ABatchFileTheClientCannotReadAnswersAsAMissingOne) {
     ASSERT_TRUE(testsupport::writeFile(home + "/bad.xml", "<root>", 0600));
     ASSERT_TRUE(testsupport::writeFile(home + "/mine.xml", batch, 0644));
 
+    // velmoractl run as an unprivileged user: its exit status, its messages in `output`.
     auto batchAdd = [&](const std::string& file, std::string& output) {
-        return runAsNobody({VELMORACTL_BIN, "--root", root.path(), "BatchAddPlaylist", "filePath=" + file}, output);
+        ProcessOptions opts;
+        opts.capture = ProcessOptions::Capture::Both;
+        ProcessResult r = runProcess({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                                      VELMORACTL_BIN, "--root", root.path(), "BatchAddPlaylist", "filePath=" + file},
+                                     opts);
+        output = r.output;
+        return r.exitStatus;
     };
     // A well-formed file and a malformed one answer alike: nothing is learnt about either.
     for (const char* name : {"/secret.xml", "/bad.xml", "/missing.xml"}) {
