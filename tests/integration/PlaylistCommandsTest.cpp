@@ -35,14 +35,6 @@ protected:
         return req("ListContentOfPlaylist", {{"playlist", title}, {"appType", app}});
     }
 
-    void createPlaylist(const std::string& title) {
-        ASSERT_EQ(code("CreatePlaylist", {{"playlist", title}, {"playlistType", "audio"}, {"appType", "music"}}), 0);
-    }
-    void addContent(const std::string& title, const std::string& content, const std::string& contentType = "file",
-                    const std::string& media = "audio") {
-        ASSERT_EQ(code("AddContent", {{"playlist", title}, {"contentType", contentType}, {"mediaType", media},
-                                      {"content", content}, {"appType", "music"}}), 0) << content;
-    }
     // The contents of a playlist in order, their order numbers checked on the way.
     Strings contents(const std::string& title, const std::string& app = "music") {
         vclient::Answer a = list(title, app);
@@ -70,7 +62,7 @@ TEST_F(PlaylistTest, PlaylistsAndEntriesAreListedAndFailuresAnswerTheirCodes) {
     // The same title again in the same application is refused; another application may have it.
     EXPECT_EQ(code("CreatePlaylist", {{"playlist", "Party"}, {"playlistType", "audio"}, {"appType", "music"}}), -12);
     EXPECT_EQ(code("CreatePlaylist", {{"playlist", "Party"}, {"playlistType", "audio"}, {"appType", "photos"}}), 0);
-    createPlaylist("Mix");
+    ASSERT_TRUE(daemon->makePlaylist("Mix", "music", "audio", {"obj-7", "a", "c"}, "file"));
     EXPECT_EQ(daemon->field("SizeOfPlaylist", {{"appType", "music"}}, "size"), "2");
     EXPECT_EQ(daemon->field("SizeOfPlaylist", {{"appType", "ALL"}}, "size"), "3");
     vclient::Answer page = req("ListPlaylist", {{"appType", "music"}, {"start", "1"}, {"count", "1"}});
@@ -79,7 +71,6 @@ TEST_F(PlaylistTest, PlaylistsAndEntriesAreListedAndFailuresAnswerTheirCodes) {
     // start without count lists everything.
     EXPECT_EQ(req("ListPlaylist", {{"appType", "music"}, {"start", "1"}}).doc.nChildNode("playlist"), 2);
 
-    for (const char* c : {"obj-7", "a", "c"}) addContent("Mix", c);
     EXPECT_EQ(daemon->field("SizeOfListContent", {{"playlist", "Mix"}, {"appType", "music"}}, "size"), "3");
     page = req("ListContentOfPlaylist", {{"playlist", "Mix"}, {"appType", "music"}, {"start", "1"}, {"count", "2"}});
     ASSERT_EQ(page.doc.nChildNode("item"), 2);
@@ -176,10 +167,11 @@ TEST_F(PlaylistTest, ABatchFileTheClientCannotReadAnswersAsAMissingOne) {
 }
 
 TEST_F(PlaylistTest, HostileTextsSurviveDuplicationAndARestartAndVideosAreMarkedUnknown) {
-    createPlaylist(kHostileTitle);
-    addContent(kHostileTitle, kHostileContent);
-    addContent(kHostileTitle, "clip.mp4", "file", "video");
-    addContent(kHostileTitle, "obj-1", "object", "photo");
+    ASSERT_TRUE(daemon->makePlaylist(kHostileTitle, "music", "audio", {kHostileContent}, "file"));
+    ASSERT_EQ(code("AddContent", {{"playlist", kHostileTitle}, {"contentType", "file"}, {"mediaType", "video"},
+                                  {"content", "clip.mp4"}, {"appType", "music"}}), 0);
+    ASSERT_EQ(code("AddContent", {{"playlist", kHostileTitle}, {"contentType", "object"}, {"mediaType", "photo"},
+                                  {"content", "obj-1"}, {"appType", "music"}}), 0);
     const vclient::Params dup{{"playlist_src", kHostileTitle}, {"playlist_dest", "Copy & <more>"}, {"appType", "music"}};
     ASSERT_EQ(code("DupPlaylist", dup), 0);
     EXPECT_EQ(contents("Copy & <more>"), (Strings{kHostileContent, "clip.mp4", "obj-1"}));
@@ -195,7 +187,7 @@ TEST_F(PlaylistTest, HostileTextsSurviveDuplicationAndARestartAndVideosAreMarked
     EXPECT_EQ(contents("Theirs", "video").size(), 3u);
 
     // An empty source answers 0 and makes nothing.
-    createPlaylist("Empty");
+    ASSERT_TRUE(daemon->makePlaylist("Empty", "music", "audio", {}));
     EXPECT_EQ(code("DupPlaylist", {{"playlist_src", "Empty"}, {"playlist_dest", "E2"}, {"appType", "music"}}), 0);
     EXPECT_EQ(code("SizeOfListContent", {{"playlist", "E2"}, {"appType", "music"}}), -14);
     EXPECT_NE(::access((root.path() + "/tmp/.dupPlaylist.list").c_str(), F_OK), 0);
@@ -232,8 +224,7 @@ TEST_F(PlaylistTest, UpnpObjectIdComesFromTheMediaAgent) {
 
 // A batch interrupted by SIGKILL leaves all or nothing of itself, and everything else intact.
 TEST_F(PlaylistTest, KilledDuringABatchKeepsAllOrNothing) {
-    createPlaylist("Keep");
-    for (const char* c : {"k1", "k2", "k3"}) addContent("Keep", c);
+    ASSERT_TRUE(daemon->makePlaylist("Keep", "music", "audio", {"k1", "k2", "k3"}, "file"));
     std::string batch = "<root><playlist>Big</playlist><appType>music</appType>";
     for (int i = 0; i < 20000; ++i) batch += "<item mediaType=\"audio\" contentType=\"file\">/m/" + std::to_string(i) + ".mp3</item>";
     batch += "</root>";
