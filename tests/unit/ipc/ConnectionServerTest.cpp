@@ -166,10 +166,9 @@ TEST_F(ConnectionServerTest, AtTheLimitTheLongestWaitingConnectionMakesRoom) {
     send(served, "<root/>");
     ASSERT_TRUE(gate->waitFor(1));
     int waiting[3];
-    for (int& fd : waiting) {
-        fd = connect();
-        const size_t expected = static_cast<size_t>(&fd - waiting) + 2;
-        ASSERT_TRUE(eventually([&] { return server->connectionCount() == expected; }, 10s));
+    for (size_t i = 0; i < 3; ++i) {
+        waiting[i] = connect();
+        ASSERT_TRUE(eventually([&] { return server->connectionCount() == i + 2; }, 10s));
     }
     gate->release();
 
@@ -180,9 +179,7 @@ TEST_F(ConnectionServerTest, AtTheLimitTheLongestWaitingConnectionMakesRoom) {
     EXPECT_EQ(answer(served), "<answer><root/></answer>");
     send(waiting[1], "<root/>");
     EXPECT_EQ(answer(waiting[1]), "<answer><root/></answer>");
-    for (int fd : waiting) ::close(fd);
-    ::close(newcomer);
-    ::close(served);
+    for (int fd : {waiting[0], waiting[1], waiting[2], newcomer, served}) ::close(fd);
 }
 
 TEST_F(ConnectionServerTest, AnAnswerNobodyTakesIsDroppedAtItsDeadlineAndReleased) {
@@ -209,8 +206,7 @@ TEST_F(ConnectionServerTest, ShutdownFinishesRequestsInFlightAndDropsTheRest) {
     EXPECT_EQ(answer(inFlight), "<answer><root/></answer>");
     stopper.join();
     EXPECT_TRUE(closedByServer(inFlight)) << "not held for its acknowledgement";
-    ::close(inFlight);
-    ::close(silent);
+    for (int fd : {inFlight, silent}) ::close(fd);
 }
 
 }  // namespace
