@@ -128,7 +128,11 @@ TEST(DaemonStartTest, ADaemonUnderAnotherNameStillCountsAsTheRootsOne) {
     renamed.terminate();
 }
 
-TEST(DaemonStartTest, StaleSocketFileIsReplacedByAWorldWritableSocketRemovedAtStop) {
+TEST(DaemonStartTest, AMissingRootIsRefusedAndAStaleSocketFileMakesWayForAWorldWritableSocketRemovedAtStop) {
+    std::string output;
+    EXPECT_EQ(runDaemonOnce("/nonexistent/velmora-root", output), 1);
+    EXPECT_NE(output.find("/nonexistent/velmora-root"), std::string::npos) << output;
+
     SimRoot root;
     { std::ofstream(root.socketPath()) << "left over by a crash"; }
     Daemon daemon(root.path());
@@ -139,12 +143,6 @@ TEST(DaemonStartTest, StaleSocketFileIsReplacedByAWorldWritableSocketRemovedAtSt
     EXPECT_EQ(st.st_mode & 0777, 0777u);
     EXPECT_EQ(daemon.stop(), 0);
     EXPECT_NE(::access(root.socketPath().c_str(), F_OK), 0);
-}
-
-TEST(DaemonStartTest, MissingRootIsRefused) {
-    std::string output;
-    EXPECT_EQ(runDaemonOnce("/nonexistent/velmora-root", output), 1);
-    EXPECT_NE(output.find("/nonexistent/velmora-root"), std::string::npos);
 }
 
 TEST_F(DaemonTest, FatalSignalWritesTheStackDumpAndExitsZero) {

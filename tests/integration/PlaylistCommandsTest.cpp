@@ -141,27 +141,24 @@ TEST_F(PlaylistTest, ABatchFileTheClientCannotReadAnswersAsAMissingOne) {
     ASSERT_TRUE(testsupport::writeFile(home + "/bad.xml", "<root>", 0600));
     ASSERT_TRUE(testsupport::writeFile(home + "/mine.xml", batch, 0644));
 
-    // velmoractl run as an unprivileged user: its exit status, its messages in `output`.
-    auto batchAdd = [&](const std::string& file, std::string& output) {
+    // velmoractl run as an unprivileged user.
+    auto batchAdd = [&](const std::string& file) {
         ProcessOptions opts;
         opts.capture = ProcessOptions::Capture::Both;
-        ProcessResult r = runProcess({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-                                      VELMORACTL_BIN, "--root", root.path(), "BatchAddPlaylist", "filePath=" + file},
-                                     opts);
-        output = r.output;
-        return r.exitStatus;
+        return runProcess({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", VELMORACTL_BIN,
+                           "--root", root.path(), "BatchAddPlaylist", "filePath=" + file}, opts);
     };
     // A well-formed file and a malformed one answer alike: nothing is learnt about either.
     for (const char* name : {"/secret.xml", "/bad.xml", "/missing.xml"}) {
-        std::string output;
-        EXPECT_EQ(batchAdd(home + name, output), 1) << output;
-        EXPECT_NE(output.find("status -15"), std::string::npos) << name << ": " << output;
+        const ProcessResult r = batchAdd(home + name);
+        EXPECT_EQ(r.exitStatus, 1) << r.output;
+        EXPECT_NE(r.output.find("status -15"), std::string::npos) << name << ": " << r.output;
     }
     EXPECT_EQ(::access((home + "/secret.xml").c_str(), F_OK), 0);
     EXPECT_TRUE(contents("Mine").empty());
 
-    std::string output;
-    ASSERT_EQ(batchAdd(home + "/mine.xml", output), 0) << output;
+    const ProcessResult mine = batchAdd(home + "/mine.xml");
+    ASSERT_EQ(mine.exitStatus, 0) << mine.output;
     EXPECT_EQ(contents("Mine"), (Strings{"a.mp3"}));
     EXPECT_NE(::access((home + "/mine.xml").c_str(), F_OK), 0) << "removed as its owner may";
 }

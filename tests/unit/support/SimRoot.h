@@ -28,10 +28,7 @@ inline std::string callLine(const std::string& name, const std::vector<std::stri
     std::string out = name + " [";
     for (size_t i = 0; i < args.size(); ++i) {
         out += i ? ",\"" : "\"";
-        for (char c : args[i]) {
-            if (c == '"' || c == '\\') out += '\\';
-            out += c;
-        }
+        for (char c : args[i]) out += c == '"' || c == '\\' ? std::string{'\\', c} : std::string(1, c);
         out += '"';
     }
     return out + "]";

@@ -138,14 +138,13 @@ TEST(RunProcess, ChildGetsOnlyItsStandardDescriptors) {
 TEST(RunProcess, ManyThreadsAtOnceEachGetTheirOwnOutput) {
     std::atomic<int> good{0};
     std::vector<std::thread> threads;
-    for (int t = 0; t < 8; ++t) {
+    for (int t = 0; t < 8; ++t)
         threads.emplace_back([t, &good] {
             for (int i = 0; i < 10; ++i) {
                 const std::string word = std::to_string(t) + "-" + std::to_string(i);
                 good += runProcess({"/bin/echo", word}).output == word + "\n";
             }
         });
-    }
     for (auto& th : threads) th.join();
     EXPECT_EQ(good.load(), 80);
     expectNoChildren();
