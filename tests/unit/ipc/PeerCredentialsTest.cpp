@@ -19,6 +19,5 @@ TEST(PeerCredentialsTest, TheKernelsRecordOfThePeerWithAllItsGroups) {
     groups.resize(static_cast<size_t>(::getgroups(static_cast<int>(groups.size()), groups.data())));
     EXPECT_EQ(std::multiset<gid_t>(who.groups.begin(), who.groups.end()),
               std::multiset<gid_t>(groups.begin(), groups.end()));
-    ::close(pair[0]);
-    ::close(pair[1]);
+    for (int fd : pair) ::close(fd);
 }
