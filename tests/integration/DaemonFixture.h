@@ -1,6 +1,9 @@
 // Runs the real daemon on a fresh simulated appliance and talks to it over its socket.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -53,6 +56,23 @@ private:
     std::string m_root;
     std::string m_logPath;
     Subprocess m_proc;
+};
+
+// A daemon started on a fresh appliance for each test; it must stop cleanly at the end.
+class DaemonTestBase : public ::testing::Test {
+protected:
+    void SetUp() override { start(); }
+    void TearDown() override {
+        if (!daemon) return;
+        EXPECT_EQ(daemon->stop(), 0) << daemon->log();
+    }
+    void start() {
+        daemon = std::make_unique<Daemon>(root.path());
+        ASSERT_TRUE(daemon->waitReady()) << daemon->log();
+    }
+
+    SimRoot root;
+    std::unique_ptr<Daemon> daemon;
 };
 
 // Runs the daemon binary to completion (for start-up refusals); its output in `output`.

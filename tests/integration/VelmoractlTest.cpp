@@ -18,10 +18,9 @@ ProcessResult ctl(const std::vector<std::string>& args) {
     return runProcess(argv, opts);
 }
 
-TEST(VelmoractlTest, PrintsFieldsExitsByStatusAndAddsFilesInOneBatch) {
-    SimRoot root;
-    Daemon daemon(root.path());
-    ASSERT_TRUE(daemon.waitReady()) << daemon.log();
+using VelmoractlTest = DaemonTestBase;
+
+TEST_F(VelmoractlTest, PrintsFieldsExitsByStatusAddsFilesInOneBatchAndSaysHowToStartTheDaemon) {
 
     ProcessResult echo = ctl({"--root", root.path(), "echo"});
     EXPECT_EQ(echo.exitStatus, 0) << echo.output;
@@ -30,7 +29,7 @@ TEST(VelmoractlTest, PrintsFieldsExitsByStatusAndAddsFilesInOneBatch) {
     ProcessResult unknown = ctl({"--socket", root.socketPath(), "NoSuchCommand", "dev=a b&c"});
     EXPECT_EQ(unknown.exitStatus, 1);
     EXPECT_NE(unknown.output.find("status -7"), std::string::npos) << unknown.output;
-    EXPECT_NE(daemon.log().find("--dev:a b&c"), std::string::npos);
+    EXPECT_NE(daemon->log().find("--dev:a b&c"), std::string::npos);
 
     EXPECT_EQ(ctl({"--root", root.path(), "CreatePlayer"}).exitStatus, 0);
 
@@ -41,23 +40,21 @@ TEST(VelmoractlTest, PrintsFieldsExitsByStatusAndAddsFilesInOneBatch) {
     EXPECT_EQ(r.exitStatus, 0) << r.output;
     EXPECT_NE(r.output.find("prepared 1500 of 1500 items"), std::string::npos) << r.output;
 
-    EXPECT_EQ(daemon.field("SizeOfListContent", {{"playlist", "Many"}, {"appType", "music"}}, "size"), "1500");
-    vclient::Answer first = daemon.request("ListContentOfPlaylist", {{"playlist", "Many"}, {"appType", "music"},
+    EXPECT_EQ(daemon->field("SizeOfListContent", {{"playlist", "Many"}, {"appType", "music"}}, "size"), "1500");
+    vclient::Answer first = daemon->request("ListContentOfPlaylist", {{"playlist", "Many"}, {"appType", "music"},
                                                                      {"start", "0"}, {"count", "2"}});
     EXPECT_STREQ(first.doc.getChildNode("item", 0).getChildNode("mediaType").getText(), "video");
     EXPECT_STREQ(first.doc.getChildNode("item", 1).getChildNode("mediaType").getText(), "audio");
     // One request carried them all.
-    ASSERT_TRUE(daemon.waitForLog("Command:BatchAddPlaylist  --dev:N/A(done)"));
-    std::string log = daemon.log();
+    ASSERT_TRUE(daemon->waitForLog("Command:BatchAddPlaylist  --dev:N/A(done)"));
+    std::string log = daemon->log();
     size_t n = 0;
     for (size_t at = 0; (at = log.find("Command:BatchAddPlaylist  ", at)) != std::string::npos; ++at) ++n;
     EXPECT_EQ(n, 2u) << "one command line and its (done) line";
-    EXPECT_EQ(daemon.stop(), 0);
-}
+    EXPECT_EQ(daemon->stop(), 0);
 
-TEST(VelmoractlTest, UnreachableDaemonSaysHowToStartIt) {
-    SimRoot root;
-    ProcessResult r = ctl({"--root", root.path(), "echo"});
+    // Without a daemon, it says how to start one.
+    r = ctl({"--root", root.path(), "echo"});
     EXPECT_EQ(r.exitStatus, 2);
     EXPECT_NE(r.output.find("Velmora --root"), std::string::npos) << r.output;
     // Bad usage is not sent anywhere.

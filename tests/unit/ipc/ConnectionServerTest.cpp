@@ -47,8 +47,12 @@ protected:
     }
 
     // Answers "<answer>request</answer>", padded to answerSize when that is set, after the gate
-    // when one is set.
-    void start(ipc::serverOptions_s options) {
+    // when one is set; timeout is both the request's and the answer's.
+    void start(std::chrono::milliseconds timeout = 30s, size_t maxConnections = 64) {
+        ipc::serverOptions_s options;
+        options.maxConnections = maxConnections;
+        options.maxWorkers = 4;
+        options.requestTimeout = options.answerTimeout = timeout;
         server = std::make_unique<ipc::ConnectionServer>(
             listenFd,
             [this](std::string& request, const ipc::Peer& peer) {
@@ -64,13 +68,6 @@ protected:
             },
             nullptr, options);
         ASSERT_EQ(server->start(), 0);
-    }
-    static ipc::serverOptions_s options(std::chrono::milliseconds timeout = 30s, size_t maxConnections = 64) {
-        ipc::serverOptions_s o;
-        o.maxConnections = maxConnections;
-        o.maxWorkers = 4;
-        o.requestTimeout = o.answerTimeout = timeout;
-        return o;
     }
 
     // A connected client; reads give up after 10 s.
@@ -110,7 +107,7 @@ protected:
 
 TEST_F(ConnectionServerTest, RequestsInPiecesAreServedSideBySideWithTheirClient) {
     gate = std::make_unique<Gate>();
-    start(options());
+    start();
     const int a = connect();
     const int b = connect();
     send(a, "<root><comm");
@@ -137,7 +134,7 @@ TEST_F(ConnectionServerTest, RequestsInPiecesAreServedSideBySideWithTheirClient)
 }
 
 TEST_F(ConnectionServerTest, TheRequestDeadlineRunsFromAcceptNotFromEachRead) {
-    start(options(300ms));
+    start(300ms);
     const int silent = connect();
     const int dripping = connect();
     std::atomic<bool> stop{false};
@@ -161,15 +158,14 @@ TEST_F(ConnectionServerTest, TheRequestDeadlineRunsFromAcceptNotFromEachRead) {
 
 TEST_F(ConnectionServerTest, AtTheLimitTheLongestWaitingConnectionMakesRoom) {
     gate = std::make_unique<Gate>();
-    start(options(30s, 4));
+    start(30s, 4);
     const int served = connect();  // being served: never dropped for room
     send(served, "<root/>");
     ASSERT_TRUE(gate->waitFor(1));
     int waiting[3];
-    for (int& fd : waiting) {
-        fd = connect();
-        const size_t expected = static_cast<size_t>(&fd - waiting) + 2;
-        ASSERT_TRUE(eventually([&] { return server->connectionCount() == expected; }, 10s));
+    for (size_t i = 0; i < 3; ++i) {
+        waiting[i] = connect();
+        ASSERT_TRUE(eventually([&] { return server->connectionCount() == i + 2; }, 10s));
     }
     gate->release();
 
@@ -180,14 +176,12 @@ TEST_F(ConnectionServerTest, AtTheLimitTheLongestWaitingConnectionMakesRoom) {
     EXPECT_EQ(answer(served), "<answer><root/></answer>");
     send(waiting[1], "<root/>");
     EXPECT_EQ(answer(waiting[1]), "<answer><root/></answer>");
-    for (int fd : waiting) ::close(fd);
-    ::close(newcomer);
-    ::close(served);
+    for (int fd : {waiting[0], waiting[1], waiting[2], newcomer, served}) ::close(fd);
 }
 
 TEST_F(ConnectionServerTest, AnAnswerNobodyTakesIsDroppedAtItsDeadlineAndReleased) {
     answerSize = 8 << 20;  // far more than the socket buffers hold
-    start(options(300ms));
+    start(300ms);
     const int client = connect();
     send(client, "<root/>");
     EXPECT_TRUE(eventually([&] { return holdsReleased == 1 && server->connectionCount() == 0; }, 10s));
@@ -196,7 +190,7 @@ TEST_F(ConnectionServerTest, AnAnswerNobodyTakesIsDroppedAtItsDeadlineAndRelease
 
 TEST_F(ConnectionServerTest, ShutdownFinishesRequestsInFlightAndDropsTheRest) {
     gate = std::make_unique<Gate>();
-    start(options());
+    start();
     const int inFlight = connect();
     send(inFlight, "<root/>");
     ASSERT_TRUE(gate->waitFor(1));
@@ -209,8 +203,7 @@ TEST_F(ConnectionServerTest, ShutdownFinishesRequestsInFlightAndDropsTheRest) {
     EXPECT_EQ(answer(inFlight), "<answer><root/></answer>");
     stopper.join();
     EXPECT_TRUE(closedByServer(inFlight)) << "not held for its acknowledgement";
-    ::close(inFlight);
-    ::close(silent);
+    for (int fd : {inFlight, silent}) ::close(fd);
 }
 
 }  // namespace

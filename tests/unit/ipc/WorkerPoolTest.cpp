@@ -24,6 +24,8 @@ TEST(WorkerPoolTest, RunsJobsSideBySideUpToTheBoundAndFinishesTheQueuedOnes) {
         --running;
         ++done;
     };
+    // A job that throws does not take its thread along: all three still run the blocking jobs.
+    ASSERT_TRUE(pool.submit([] { throw std::runtime_error("boom"); }));
     for (int i = 0; i < 8; ++i) ASSERT_TRUE(pool.submit(job));
     ASSERT_TRUE(testsupport::eventually([&] { return running == 3; }, 10s));
     EXPECT_EQ(pool.threadCount(), 3u);
@@ -36,13 +38,4 @@ TEST(WorkerPoolTest, RunsJobsSideBySideUpToTheBoundAndFinishesTheQueuedOnes) {
     EXPECT_EQ(done, 8);
     EXPECT_EQ(peak, 3);
     EXPECT_FALSE(pool.submit(job));
-}
-
-TEST(WorkerPoolTest, AThrowingJobDoesNotTakeItsThreadAlong) {
-    ipc::WorkerPool pool(1, "test-worker");
-    std::atomic<bool> ran{false};
-    ASSERT_TRUE(pool.submit([] { throw std::runtime_error("boom"); }));
-    ASSERT_TRUE(pool.submit([&] { ran = true; }));
-    pool.finish();
-    EXPECT_TRUE(ran);
 }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,9 +18,7 @@
 namespace testsupport {
 
 inline size_t threadCount() {
-    size_t n = 0;
-    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator("/proc/self/task")) ++n;
-    return n;
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
 }
 
 // One var/sim/calls.log line as the fakes write it: NAME ["arg",...] (only " and \ need
@@ -28,10 +27,7 @@ inline std::string callLine(const std::string& name, const std::vector<std::stri
     std::string out = name + " [";
     for (size_t i = 0; i < args.size(); ++i) {
         out += i ? ",\"" : "\"";
-        for (char c : args[i]) {
-            if (c == '"' || c == '\\') out += '\\';
-            out += c;
-        }
+        for (char c : args[i]) out += c == '"' || c == '\\' ? std::string{'\\', c} : std::string(1, c);
         out += '"';
     }
     return out + "]";

@@ -35,7 +35,7 @@ protected:
     clientCredentials_s member{kUser, kGroup, {kShared}};
 };
 
-TEST_F(ClientRightsTest, ReadsWhatTheClientCouldReadAndNothingElse) {
+TEST_F(ClientRightsTest, OpensOnlyRegularFilesTheClientCouldReadNeverWaitsOnAFifoAndRemovesOnlyWhereItMay) {
     ASSERT_TRUE(testutil::writeFile(dir / "private", "x", 0600));
     ASSERT_TRUE(testutil::writeFile(dir / "public", "x", 0644));
     ASSERT_TRUE(testutil::writeFile(dir / "group", "x", 0640));
@@ -43,35 +43,26 @@ TEST_F(ClientRightsTest, ReadsWhatTheClientCouldReadAndNothingElse) {
     testutil::makeDirs(dir / "closed");
     ::chmod((dir / "closed").c_str(), 0700);
     ASSERT_TRUE(testutil::writeFile(dir / "closed/public", "x", 0644));
-
-    EXPECT_EQ(openErr(&user, dir / "private"), EACCES);
-    EXPECT_EQ(openErr(&user, dir / "public"), 0);
-    EXPECT_EQ(openErr(&user, dir / "group"), EACCES);
-    EXPECT_EQ(openErr(&member, dir / "group"), 0);
-    EXPECT_EQ(openErr(&user, dir / "closed/public"), EACCES) << "no search right on the directory";
-    EXPECT_EQ(openErr(&user, dir / "missing"), ENOENT);
-
-    // The daemon's own rights are untouched, on this thread and for its own files.
-    EXPECT_EQ(openErr(nullptr, dir / "private"), 0);
-    EXPECT_EQ(::access((dir / "closed/public").c_str(), R_OK), 0);
-}
-
-TEST_F(ClientRightsTest, OnlyRegularFilesAndNeverWaitsOnAFifo) {
     ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0666), 0);
-    EXPECT_EQ(openErr(&user, dir / "fifo"), EINVAL);
-    EXPECT_EQ(openErr(nullptr, dir / "fifo"), EINVAL);
-    EXPECT_EQ(openErr(&user, dir.path()), EINVAL);
-}
-
-TEST_F(ClientRightsTest, RemovesOnlyWhereTheClientMay) {
-    ASSERT_TRUE(testutil::writeFile(dir / "batch", "x", 0644));
-    auto remove = [&](const clientCredentials_s* who) {
-        return runWithRightsOf(who, [&] { return ::unlink((dir / "batch").c_str()); });
+    const struct {
+        const clientCredentials_s* who;
+        const char* file;
+        int err;
+    } cases[] = {
+        {&user, "private", EACCES},  {&user, "public", 0},     {&user, "group", EACCES}, {&member, "group", 0},
+        {&user, "closed/public", EACCES} /* no search right on the directory */, {&user, "missing", ENOENT},
+        {&user, "fifo", EINVAL},     {nullptr, "fifo", EINVAL}, {&user, "", EINVAL} /* the directory itself */,
+        {nullptr, "private", 0} /* the daemon's own rights are untouched */,
     };
-    EXPECT_NE(remove(&user), 0) << "the directory is not the client's to change";
+    for (const auto& c : cases) EXPECT_EQ(openErr(c.who, dir / c.file), c.err) << c.file << (c.who ? "" : " (own)");
+    EXPECT_EQ(::access((dir / "closed/public").c_str(), R_OK), 0) << "and stay so on this thread";
+
+    // A file is removed only where the client may.
+    auto remove = [&] { return runWithRightsOf(&user, [&] { return ::unlink((dir / "public").c_str()); }); };
+    EXPECT_NE(remove(), 0) << "the directory is not the client's to change";
     EXPECT_EQ(errno, EACCES);
     ::chmod(dir.path().c_str(), 0777);
-    EXPECT_EQ(remove(&user), 0);
+    EXPECT_EQ(remove(), 0);
 }
 
 }  // namespace

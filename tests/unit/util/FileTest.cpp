@@ -46,9 +46,6 @@ TEST(RealPath, ResolvesDirectoriesButKeepsAFilesOwnName) {
     ASSERT_EQ(get_real_path((tmp / "link/sub/../sub/").c_str(), out), 0);
     EXPECT_EQ(out, base + "/real/sub");
     EXPECT_EQ(get_real_path((tmp / "link/missing").c_str(), out), -1);
-
-    EXPECT_TRUE(is_file_exist((tmp / "real").c_str()));
-    EXPECT_FALSE(is_file_exist((tmp / "real/none").c_str()));
 }
 
 TEST(TimeText, TextToSecondsAndBack) {
@@ -61,16 +58,8 @@ TEST(TimeText, TextToSecondsAndBack) {
         {"99999999999999", INT_MAX},  // clamped, not overflowed
     };
     for (const auto& c : cases) EXPECT_EQ(hhmmss_convert_to_sec(c.text), c.seconds) << (c.text ? c.text : "null");
-    char buf[16];
-    sec_convert_to_hhmmss(100 * 3600 + 59, buf, sizeof buf);
-    EXPECT_STREQ(buf, "100:00:59");
-    for (int s : {0, 59, 3599, 86399}) {
-        sec_convert_to_hhmmss(s, buf, sizeof buf);
-        EXPECT_EQ(hhmmss_convert_to_sec(buf), s) << buf;
-    }
-    char tiny[4];
-    sec_convert_to_hhmmss(3725, tiny, sizeof tiny);
-    EXPECT_STREQ(tiny, "01:");
+    EXPECT_EQ(sec_to_hhmmss(100 * 3600 + 59), "100:00:59");
+    for (int s : {0, 59, 3599, 86399}) EXPECT_EQ(hhmmss_convert_to_sec(sec_to_hhmmss(s).c_str()), s) << s;
 }
 
 }  // namespace

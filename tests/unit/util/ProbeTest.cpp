@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <list>
-#include <thread>
 
 #include "UtilTestSupport.h"
 #include "util/NetUtil.h"
@@ -22,17 +20,14 @@ protected:
         testutil::makeDirs(m_dir / "rootA");
     }
     // Returns once /proc shows what `ready` looks for (exec returns before the command line is set).
-    const Subprocess& launch(const std::vector<std::string>& argv, const std::string& file, const std::string& ready) {
+    void launch(const std::vector<std::string>& argv, const std::string& file, const std::string& ready) {
         Subprocess& p = m_children.emplace_back();
         Subprocess::Options o;
         o.in = Subprocess::Stream::Pipe;  // read blocks until the pipe closes
-        EXPECT_EQ(p.start(argv, o), 0);
-        for (int i = 0; i < 300; ++i) {
-            if (testutil::readFile("/proc/" + std::to_string(p.pid()) + "/" + file).find(ready) != std::string::npos)
-                break;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return p;
+        ASSERT_EQ(p.start(argv, o), 0);
+        const std::string proc = "/proc/" + std::to_string(p.pid()) + "/" + file;
+        ASSERT_TRUE(testutil::eventually([&] { return testutil::readFile(proc).find(ready) != std::string::npos; }))
+            << proc << " never showed " << ready;
     }
 
     testutil::TempDir m_dir;
@@ -56,10 +51,7 @@ TEST_F(InstanceProbe, CountsLiveProcessesOnTheSameRoot) {
 TEST_F(InstanceProbe, ZombiesDoNotCount) {
     testutil::RootGuard none("");
     // They exit at once but stay unreaped until the Subprocess objects go.
-    auto& a = launch({m_dir / (m_name + "x")}, "stat", ") Z");
-    auto& b = launch({m_dir / (m_name + "x")}, "stat", ") Z");
-    ASSERT_NE(testutil::readFile("/proc/" + std::to_string(a.pid()) + "/stat").find(") Z"), std::string::npos);
-    ASSERT_NE(testutil::readFile("/proc/" + std::to_string(b.pid()) + "/stat").find(") Z"), std::string::npos);
+    for (int i = 0; i < 2; ++i) ASSERT_NO_FATAL_FAILURE(launch({m_dir / (m_name + "x")}, "stat", ") Z"));
     EXPECT_EQ(is_process_already_exist(m_name.c_str()), 0);
 }
 

@@ -29,12 +29,9 @@ protected:
     std::string m_dir = m_root / "share/Public/Movies";
 };
 
-TEST_F(SubtitleFinder, OffMeansNoLookAtAll) {
+TEST_F(SubtitleFinder, OffMeansNoLookElseLanguageFirstThenThisVideosOwnFiles) {
     EXPECT_EQ(find("0", "eng"), "<none>");
     EXPECT_EQ(testutil::readFile(m_root / "sbin/yarrow.calls").find("default_subtitle_lang"), std::string::npos);
-}
-
-TEST_F(SubtitleFinder, LanguageFirstThenThisVideosOwnFiles) {
     EXPECT_EQ(find("1", "eng"), m_dir + "/movie.ENG.ass");
     EXPECT_EQ(find("2", "chi"), m_dir + "/movie.chi.srt");
     EXPECT_EQ(find("1", "fre"), m_dir + "/movie.ENG.ass") << "the smallest name of movie.*";

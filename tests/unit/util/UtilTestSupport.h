@@ -1,7 +1,6 @@
 // Helpers of the util tests: the shared scratch-file helpers and a fake configuration reader.
 #pragma once
 
-#include <algorithm>
 #include <string>
 
 #include "unit/support/Files.h"
@@ -9,11 +8,6 @@
 namespace testutil {
 
 using namespace testsupport;
-
-inline int countLines(const std::string& path) {
-    std::string text = readFile(path);
-    return static_cast<int>(std::count(text.begin(), text.end(), '\n'));
-}
 
 // Stand-in for <root>/sbin/yarrow: "[-f FILE] [-d DEFAULT] SECTION KEY" prints the value of the
 // line "SECTION/KEY=value" of FILE, else DEFAULT, and appends its arguments to yarrow.calls.

