@@ -12,7 +12,11 @@ using namespace contenttest;
 namespace {
 
 playlistElm_s entry(contentType_e type, mediaType_e media, std::string content) {
-    return {.MediaType = media, .ContentType = type, .Content = std::move(content)};
+    playlistElm_s e;
+    e.MediaType = media;
+    e.ContentType = type;
+    e.Content = std::move(content);
+    return e;
 }
 
 }  // namespace
