@@ -31,7 +31,7 @@ protected:
     }
 };
 
-TEST_F(WorkerTest, StartsParkedPlaysOnRequestAndStopsBeforeAnswering) {
+TEST_F(WorkerTest, StartsParkedPlaysPausesResumesAndStopsBeforeAnswering) {
     ScriptedPlayer empty("");
     EXPECT_EQ(empty.play(), -1);
     EXPECT_EQ(empty.next(), 0) << "a stopped player ignores next()";
@@ -50,24 +50,9 @@ TEST_F(WorkerTest, StartsParkedPlaysOnRequestAndStopsBeforeAnswering) {
     EXPECT_EQ(p.getPlayerState(), STATE_PLAY_E);
     EXPECT_EQ(p.play(), 0);
 
-    p.setCurrTime(42);
-    ASSERT_EQ(p.stop(false), 0);
-    // Done by the time stop() answers: the device was told and the player shows it.
-    EXPECT_TRUE(contains(p.calls(), "stop(false)"));
-    EXPECT_EQ(p.getPlayerState(), STATE_STOP_E);
-    EXPECT_EQ(p.getCurrTime(), "00:00:00");
-}
-
-TEST_F(WorkerTest, PauseHoldsTheTrackAndPlayResumesIt) {
-    makePlaylist("three", 3);
-    ScriptedPlayer p("three");
-    ASSERT_EQ(p.play(), 0);
-    ASSERT_TRUE(p.waitForCount("follow", 1));
     ASSERT_EQ(p.pause(), 0);
     EXPECT_EQ(p.getPlayerState(), STATE_PAUSE_E);
-    EXPECT_TRUE(contains(p.calls(), "pause"));
-
-    p.takeCalls();
+    EXPECT_TRUE(contains(p.takeCalls(), "pause"));
     ASSERT_EQ(p.play(), 0);
     EXPECT_EQ(p.getPlayerState(), STATE_PLAY_E);
     ASSERT_TRUE(p.waitForCount("follow", 1));
@@ -80,11 +65,13 @@ TEST_F(WorkerTest, PauseHoldsTheTrackAndPlayResumesIt) {
     EXPECT_EQ(p.play(), -1);
     EXPECT_EQ(p.getPlayerState(), STATE_PAUSE_E);
 
-    // Stopping a paused player stops the device.
+    // Stopping a paused player stops the device, done by the time stop() answers.
+    p.setCurrTime(42);
     p.takeCalls();
-    ASSERT_EQ(p.stop(true), 0);
-    EXPECT_EQ(p.takeCalls(), Calls{"stop(true)"});
+    ASSERT_EQ(p.stop(false), 0);
+    EXPECT_EQ(p.takeCalls(), Calls{"stop(false)"});
     EXPECT_EQ(p.getPlayerState(), STATE_STOP_E);
+    EXPECT_EQ(p.getCurrTime(), "00:00:00");
 }
 
 TEST_F(WorkerTest, TheEndOfATrackMovesOnByThePlayMode) {
@@ -277,31 +264,16 @@ TEST_F(WorkerTest, TheManagerEditsWhileTheWorkerMovesThroughTheQueue) {
     for (unsigned round = 0; std::chrono::steady_clock::now() < deadline; ++round) {
         ThreadSingleLock playerLock(p.getLock());
         size_t size = p.getPlaylistSize();
+        playQueueItem_s item{size, fakeUuid++};
         switch (round % 8) {
-            case 0: {
-                playQueueItem_s item{size, fakeUuid++};
-                p.addItemToPlayQueue(item);
-                break;
-            }
-            case 1:
-                if (size > 1) {
-                    playQueueItem_s item = p.getPlayQueue()[round % size];
-                    p.delItemFromPlayQueue(item);
-                }
-                break;
-            case 2:
-                if (size > 1) p.reorderPlayQueue(0, size - 1);
-                break;
+            case 0: p.addItemToPlayQueue(item); break;
+            case 1: if (size > 1) p.delItemFromPlayQueue(item = p.getPlayQueue()[round % size]); break;
+            case 2: if (size > 1) p.reorderPlayQueue(0, size - 1); break;
             case 3: p.setPlayMode(round % 16 < 8 ? PLAYMODE_SHUFFLE_REPEAT_E : PLAYMODE_REPEAT_E, 0, 0); break;
             case 4: p.loadPlaylist(); break;
             case 5: p.setPlaylist(round % 16 < 8 ? "two" : "one", "music"); break;
-            case 6:
-                if (size > 0) p.setCurrTrack(static_cast<unsigned int>(round % size));
-                break;
-            case 7:
-                if (round % 3 == 0) p.next();
-                else p.play();
-                break;
+            case 6: if (size > 0) p.setCurrTrack(static_cast<unsigned int>(round % size)); break;
+            case 7: round % 3 == 0 ? p.next() : p.play(); break;
         }
     }
     EXPECT_GT(follows.load(), 20u) << "the worker hardly ran alongside the edits";
