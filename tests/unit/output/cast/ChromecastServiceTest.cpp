@@ -58,24 +58,15 @@ TEST_F(ChromecastServiceTest, EveryOperationWritesItsLine) {
     EXPECT_EQ(s.stop(x), 0);
     EXPECT_EQ(s._close(x), 0);
     EXPECT_EQ(received(pid),
-              std::string("{ \"cmd\":\"LAUNCH\" }\r\n") +
-                  "{\"cmd\":\"LOAD\", \"url\":\"http://h/media/mu_101.mp3?a=\\\"q\\\"&b=c\\\\d\", "
-                  "\"title\":\"Say \\\"hi\\\"\\n\\tthere \xc3\xa9t\xc3\xa9\", \"imageUrl\":\"http://h/art.jpg\", "
-                  "\"subtitle\":\"http://h/sub.srt\"}\r\n"
-                  "{ \"cmd\":\"PLAY\" }\r\n"
-                  "{ \"cmd\":\"PAUSE\" }\r\n"
-                  "{ \"cmd\":\"SEEK\", \"seektime\":\"1.500000\" }\r\n"
-                  "{ \"cmd\":\"STATUS\" }\r\n"
-                  "{ \"cmd\":\"SET_VOLUME\", \"volume\":\"0.400000\" }\r\n"
-                  "{ \"cmd\":\"GET_VOLUME\" }\r\n"
-                  "{ \"cmd\":\"SET_MUTE\", \"mute\":\"true\" }\r\n"
-                  "{ \"cmd\":\"GET_MUTE\" }\r\n"
-                  "{ \"cmd\":\"SET_MUTE\", \"mute\":\"false\" }\r\n"
-                  "{ \"cmd\":\"STOP\" }\r\n"
-                  "{ \"cmd\":\"CLOSE\" }\r\n");
-
-    // Going away ends the sender.
-    s.closeSender();
+              "{ \"cmd\":\"LAUNCH\" }\r\n"
+              "{\"cmd\":\"LOAD\", \"url\":\"http://h/media/mu_101.mp3?a=\\\"q\\\"&b=c\\\\d\", "
+              "\"title\":\"Say \\\"hi\\\"\\n\\tthere \xc3\xa9t\xc3\xa9\", \"imageUrl\":\"http://h/art.jpg\", "
+              "\"subtitle\":\"http://h/sub.srt\"}\r\n"
+              "{ \"cmd\":\"PLAY\" }\r\n{ \"cmd\":\"PAUSE\" }\r\n{ \"cmd\":\"SEEK\", \"seektime\":\"1.500000\" }\r\n"
+              "{ \"cmd\":\"STATUS\" }\r\n{ \"cmd\":\"SET_VOLUME\", \"volume\":\"0.400000\" }\r\n"
+              "{ \"cmd\":\"GET_VOLUME\" }\r\n{ \"cmd\":\"SET_MUTE\", \"mute\":\"true\" }\r\n{ \"cmd\":\"GET_MUTE\" }\r\n"
+              "{ \"cmd\":\"SET_MUTE\", \"mute\":\"false\" }\r\n{ \"cmd\":\"STOP\" }\r\n{ \"cmd\":\"CLOSE\" }\r\n");
+    s.closeSender();  // going away ends the sender
     EXPECT_TRUE(gone(pid));
 }
 
@@ -123,8 +114,7 @@ TEST_F(ChromecastServiceTest, ARefusedLoadIsAFailedAnswer) {
     setSwitches(R"({"refuse_load": true})");
     Response r;
     EXPECT_EQ(s.setContentUrl(r, "http://h/media/mu_101.mp3", "", "", ""), 0) << "the exchange itself worked";
-    EXPECT_EQ(r.m_response, 3);
-    EXPECT_EQ(r.m_errMsg, "LOAD_FAILED");
+    EXPECT_EQ(std::pair(r.m_response, r.m_errMsg), std::pair(3L, std::string("LOAD_FAILED")));
     EXPECT_TRUE(s.inited()) << "the sender stays for the next track";
 }
 

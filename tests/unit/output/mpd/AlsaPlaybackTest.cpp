@@ -39,9 +39,7 @@ bool processRuns(int pid) {
     size_t close = text.rfind(')');
     return close != std::string::npos && close + 2 < text.size() && text[close + 2] != 'Z';
 }
-bool waitState(CAlsaPlayer& p, playerState_e state) {
-    return eventually([&] { return p.getPlayerState() == state; });
-}
+bool waitState(CAlsaPlayer& p, playerState_e state) { return eventually([&] { return p.getPlayerState() == state; }); }
 
 class AlsaTest : public testsupport::ThreadCheckedTest {
 protected:
@@ -59,9 +57,6 @@ protected:
     std::string track(const char* name, int hz = 440, int seconds = 1) const {
         return tone(std::string("alsa-test/") + name, hz, seconds, {"-ac", "2", "-ar", "44100"});
     }
-    std::string toneA() const { return track("a440.flac"); }
-    std::string toneB() const { return track("02 Rain & $(echo pwned) 'x'.flac", 523); }
-    std::string toneC() const { return track("c659.flac", 659); }
     std::string longTone() const { return track("long4s.flac", 330, 4); }
     static std::unique_ptr<CAlsaPlayer> player(const char* title = nullptr) {
         return std::make_unique<CAlsaPlayer>(playertype::kAlsa | playertype::kAlsaUsb, "alsa:usb_dac", "USB DAC",
@@ -70,7 +65,8 @@ protected:
     // The mpc calls of one player since the last look, without the status polls.
     Lines mpcCalls(const CAlsaPlayer& p) {
         Lines out;
-        const std::string prefix = mpc(p, {}).substr(0, mpc(p, {}).size() - 1) + ",";
+        std::string prefix = mpc(p, {});
+        prefix.back() = ',';
         for (const auto& line : callLog.fresh())
             if (line.rfind(prefix, 0) == 0 && line != mpc(p, {"status"})) out.push_back(line);
         return out;
@@ -93,8 +89,10 @@ protected:
 
 TEST_F(AlsaTest, QueuePlaysThroughOnceSkippingWhatCannotPlay) {
     const std::string missing = m_root + "/no/such/file.flac";  // MPD refuses it
-    makePlaylist("trip", {file(toneA()), testsupport::object("mu_999") /* the library does not know it */,
-                          file(missing), file(toneB()), file(toneC())});
+    const std::string a = track("a440.flac"), b = track("02 Rain & $(echo pwned) 'x'.flac", 523);
+    const std::string c = track("c659.flac", 659);
+    makePlaylist("trip", {file(a), testsupport::object("mu_999") /* the library does not know it */, file(missing),
+                          file(b), file(c)});
     auto p = player("trip");
     ASSERT_EQ(p->getPlaylistSize(), 5u);
     mpcCalls(*p);
@@ -106,8 +104,8 @@ TEST_F(AlsaTest, QueuePlaysThroughOnceSkippingWhatCannotPlay) {
 
     // Three seconds of tone went to the USB output.
     EXPECT_GE(pcmBytes() - before, 25 * kPcmBytesPerSecond / 10);
-    EXPECT_TRUE(inOrder(mpcCalls(*p), {mpc(*p, {"add", "file://" + toneA()}), mpc(*p, {"add", "file://" + missing}),
-                                       mpc(*p, {"add", "file://" + toneB()}), mpc(*p, {"add", "file://" + toneC()})}));
+    auto add = [&](const std::string& path) { return mpc(*p, {"add", "file://" + path}); };
+    EXPECT_TRUE(inOrder(mpcCalls(*p), {add(a), add(missing), add(b), add(c)}));
     EXPECT_EQ(runMpc(*p, "status").output.find("[playing]"), std::string::npos);
 }
 
@@ -201,16 +199,12 @@ TEST_F(AlsaTest, AttributesGoToTheOutputAndTheSharedServerReloads) {
     Lines calls = callLog.fresh();
     EXPECT_TRUE(contains(calls, mpc(*p, {"setoutputattr", "USB DAC", "1", "-1"})));
     EXPECT_TRUE(contains(calls, callLine("mpc", {"-p", "8893", "reloadsettings"})));
-    EXPECT_EQ(p->setAttributes("VOLUME=3,DSDPASS"), -1);
-    EXPECT_EQ(p->setAttributes(nullptr), -1);
+    EXPECT_EQ(p->setAttributes("VOLUME=3,DSDPASS"), -1) << "nothing it understands";
     EXPECT_TRUE(callLog.fresh().empty());
 }
 
 TEST_F(AlsaTest, FactoryRefusesABusyDeviceWithoutStartingAServer) {
-    renderCacheInfo_s render;
-    render.type = playertype::kAlsa | playertype::kAlsaUsb;
-    render.card = "1";
-    render.device = "0";
+    renderCacheInfo_s render{.type = playertype::kAlsa | playertype::kAlsaUsb, .card = "1", .device = "0"};
     ASSERT_TRUE(runProcess({m_root + "/var/sim/simctl", "busy", "1", "0"}).ok());
     int result = 0;
     EXPECT_EQ(BackendTable().create("alsa:usb_dac", render, "", "", result), nullptr);
