@@ -19,7 +19,7 @@ protected:
     }
 };
 
-TEST_F(SorvaneTest, EachOperationRunsTheScriptWithItsArguments) {
+TEST_F(SorvaneTest, EachOperationRunsTheScriptWithItsArgumentsAndOnlyStatusZeroSucceeds) {
     const std::string dev = "uuid:it's \"tv\"";
     const std::string photo = "/share/Public/Photo/a b's.jpg";
     ASSERT_EQ(CSorvaneOpInterface::sendCommand(CSorvaneOpInterface::kPlay, dev, "http://h/v.mp4?len=30", nullptr,
@@ -46,9 +46,8 @@ TEST_F(SorvaneTest, EachOperationRunsTheScriptWithItsArguments) {
                   php({"-c=photo", "-d=" + dev, "-u=" + photo, "-x"}),
                   php({"-c=play", "-d=" + dev, "-u=u", "-x", "-i=info"}),
               }));
-}
 
-TEST_F(SorvaneTest, OnlyStatusZeroSucceedsAndNothingRunsWithoutAnOperation) {
+    // Only a status of exactly "0" succeeds, and nothing runs without an operation.
     EXPECT_EQ(CSorvaneOpInterface::sendCommand(CSorvaneOpInterface::kPhoto, "d", nullptr, nullptr, nullptr), -1);
     EXPECT_EQ(CSorvaneOpInterface::sendCommand(99, "d", "x", nullptr, nullptr), -1);
     EXPECT_TRUE(callLog.fresh().empty());

@@ -140,8 +140,7 @@ TEST_F(AlsaTest, SeekPauseAndResumeKeepThePosition) {
     EXPECT_GE(p->getCurrTimeSecond(), 2);
     Lines calls = mpcCalls(*p);
     EXPECT_TRUE(contains(calls, mpc(*p, {"play"})));
-    EXPECT_TRUE(std::none_of(calls.begin(), calls.end(),
-                             [](const std::string& l) { return l.find("\"add\"") != std::string::npos; }));
+    EXPECT_TRUE(std::none_of(calls.begin(), calls.end(), [](auto& l) { return l.find("\"add\"") != l.npos; }));
 
     // Paused behind the player's back: the player follows MPD.
     ASSERT_TRUE(runMpc(*p, "pause").ok());
@@ -174,7 +173,7 @@ TEST_F(AlsaTest, SlicePlaysOnlyItsPartOfTheFile) {
     EXPECT_EQ(p->getVolume(), 80);
 }
 
-TEST_F(AlsaTest, VolumeAndMuteRoundTrip) {
+TEST_F(AlsaTest, VolumeAndMuteRoundTripAndAttributesReachTheOutput) {
     auto p = player();
     EXPECT_EQ(p->getVolume(), 100);
     EXPECT_EQ(p->setVolume(101), -1);
@@ -190,10 +189,8 @@ TEST_F(AlsaTest, VolumeAndMuteRoundTrip) {
     EXPECT_TRUE(p->isMute());
     ASSERT_EQ(p->setMute(false), 0);
     EXPECT_EQ(p->getVolume(), 1);
-}
 
-TEST_F(AlsaTest, AttributesGoToTheOutputAndTheSharedServerReloads) {
-    auto p = player();
+    // Attributes go to the output, and the shared server reloads.
     mpcCalls(*p);
     EXPECT_EQ(p->setAttributes("SAMPLERATE=Auto,DSDPASS=enable"), 0);
     Lines calls = callLog.fresh();

@@ -24,6 +24,7 @@ protected:
     void SetUp() override {
         PlayerTest::SetUp();
         vlog::setQuiet(true);  // the worker traces every pass
+        makePlaylist("three", 3);
     }
     void TearDown() override {
         vlog::setQuiet(false);
@@ -35,8 +36,6 @@ TEST_F(WorkerTest, StartsParkedPlaysPausesResumesAndStopsBeforeAnswering) {
     ScriptedPlayer empty("");
     EXPECT_EQ(empty.play(), -1);
     EXPECT_EQ(empty.next(), 0) << "a stopped player ignores next()";
-
-    makePlaylist("three", 3);
     ScriptedPlayer p("three");
     EXPECT_EQ(p.takeCalls(), Calls{"stop(true)"}) << "the first pass stops the device, then parks";
     EXPECT_TRUE(p.isParked());
@@ -75,7 +74,6 @@ TEST_F(WorkerTest, StartsParkedPlaysPausesResumesAndStopsBeforeAnswering) {
 }
 
 TEST_F(WorkerTest, TheEndOfATrackMovesOnByThePlayMode) {
-    makePlaylist("three", 3);
     struct Case {
         playMode_e mode;
         bool stopAfterEachTrack;
@@ -109,7 +107,6 @@ TEST_F(WorkerTest, TheEndOfATrackMovesOnByThePlayMode) {
 }
 
 TEST_F(WorkerTest, ARefusedQueueStopsAfterOneRoundAndAnUnplayableOneAtOnce) {
-    makePlaylist("three", 3);
     ScriptedPlayer p("three");
     p.setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
     p.onStart([](size_t) { return Start::Refused; });
@@ -138,7 +135,6 @@ TEST_F(WorkerTest, ARefusedQueueStopsAfterOneRoundAndAnUnplayableOneAtOnce) {
 }
 
 TEST_F(WorkerTest, NextAndPreviousGoRoundTheQueue) {
-    makePlaylist("three", 3);
     ScriptedPlayer p("three");
     p.setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
     ASSERT_EQ(p.play(), 0);
@@ -161,7 +157,6 @@ TEST_F(WorkerTest, NextAndPreviousGoRoundTheQueue) {
 }
 
 TEST_F(WorkerTest, ACommandCutsALongTrackStartShortAndWins) {
-    makePlaylist("three", 3);
     ScriptedPlayer p("three");
     // A device that takes its time, in naps a command cuts short (then it gives up).
     p.onStart([&](size_t) {
@@ -180,7 +175,6 @@ TEST_F(WorkerTest, ACommandCutsALongTrackStartShortAndWins) {
 }
 
 TEST_F(WorkerTest, AStopThatHangsIsGivenUpAndCarriedOutLater) {
-    makePlaylist("three", 3);
     ScriptedPlayer p("three", 200ms);
     ASSERT_EQ(p.play(), 0);
     ASSERT_TRUE(p.waitForCount("follow", 1));
@@ -197,7 +191,6 @@ TEST_F(WorkerTest, AStopThatHangsIsGivenUpAndCarriedOutLater) {
 }
 
 TEST_F(WorkerTest, FollowsAPauseStopOrResumeMadeOnTheDeviceItself) {
-    makePlaylist("three", 3);
     ScriptedPlayer p("three");
     std::atomic<Follow> next{Follow::Playing};
     p.onFollow([&] { return next.exchange(Follow::Playing); });
@@ -223,7 +216,6 @@ TEST_F(WorkerTest, FollowsAPauseStopOrResumeMadeOnTheDeviceItself) {
 }
 
 TEST_F(WorkerTest, DestroyingAPlayingPlayerStopsTheDeviceAndEndsTheThread) {
-    makePlaylist("three", 3);
     auto p = std::make_unique<ScriptedPlayer>("three");
     ASSERT_EQ(p->play(), 0);
     ASSERT_TRUE(p->waitForCount("follow", 2));
