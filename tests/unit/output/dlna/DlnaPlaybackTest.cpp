@@ -215,7 +215,7 @@ TEST_F(DlnaTest, OutsideStopStopsThePlayerUnlessNearTheEnd) {
     p->stop(true);
 }
 
-TEST_F(DlnaTest, SeekReloadsAndPauseFromEitherSideResumesWithoutReloading) {
+TEST_F(DlnaTest, SeekReloadsAndPauseFromEitherSideResumesWithoutReloadingEachMonitorOnItsOwnRenderer) {
     makePlaylist("long", {file(longTrack())});
     auto p = player("long");
     newCalls();
@@ -257,6 +257,17 @@ TEST_F(DlnaTest, SeekReloadsAndPauseFromEitherSideResumesWithoutReloading) {
     // Paused on the renderer's remote: the player parks and the monitor watches without acting.
     ASSERT_TRUE(renderer(kTvId, {"position=10", "outside=pause"}));
     ASSERT_TRUE(waitState(*p, STATE_PAUSE_E, true));
+    // Meanwhile a paused slide show leaves its renderer showing the photo, which reports PLAYING:
+    // that is no resume, whatever the TV's renderer did before. Each monitor judges its own.
+    makePlaylist("album", {object("ph_301", MEDIA_PHOTO_E)});
+    auto speaker = player("album", kSpeakerId);
+    speaker->setSlideShowDelay(60);
+    ASSERT_EQ(speaker->play(), 0);
+    ASSERT_TRUE(waitState(*speaker, STATE_PLAY_E));
+    ASSERT_EQ(speaker->pause(), 0);
+    EXPECT_EQ(rendererState(kSpeakerId), "PLAYING");
+    ASSERT_TRUE(watched(kSpeakerId));
+    EXPECT_EQ(speaker->getPlayerState(), STATE_PAUSE_E);
     ASSERT_TRUE(watched(kTvId));
     EXPECT_EQ(p->getPlayerState(), STATE_PAUSE_E);
     EXPECT_EQ(rendererState(), "PAUSED_PLAYBACK");
@@ -274,31 +285,6 @@ TEST_F(DlnaTest, SeekReloadsAndPauseFromEitherSideResumesWithoutReloading) {
     ASSERT_TRUE(renderer(kTvId, {"outside=play"}));
     std::this_thread::sleep_for(4 * kTick);
     EXPECT_EQ(p->getPlayerState(), STATE_PAUSE_E);
-}
-
-TEST_F(DlnaTest, EachMonitorJudgesOnlyItsOwnRenderer) {
-    makePlaylist("long", {file(longTrack())});
-    makePlaylist("album", {object("ph_301", MEDIA_PHOTO_E)});
-    auto tv = player("long", kTvId);
-    auto speaker = player("album", kSpeakerId);
-    speaker->setSlideShowDelay(60);
-    ASSERT_EQ(tv->play(), 0);
-    ASSERT_EQ(speaker->play(), 0);
-    ASSERT_TRUE(eventually([&] { return tv->getCurrTimeSecond() >= 2; }));
-    ASSERT_TRUE(waitState(*speaker, STATE_PLAY_E));
-
-    // The TV paused on its remote: its monitor keeps seeing a paused renderer.
-    ASSERT_TRUE(renderer(kTvId, {"position=10", "outside=pause"}));
-    ASSERT_TRUE(waitState(*tv, STATE_PAUSE_E, true));
-    // A paused slide show leaves its renderer showing the photo, which reports PLAYING: that is
-    // no resume, whatever the other renderer did before.
-    ASSERT_EQ(speaker->pause(), 0);
-    EXPECT_EQ(rendererState(kSpeakerId), "PLAYING");
-    ASSERT_TRUE(watched(kSpeakerId));
-    EXPECT_EQ(speaker->getPlayerState(), STATE_PAUSE_E);
-    EXPECT_EQ(tv->getPlayerState(), STATE_PAUSE_E);
-    tv->stop(true);
-    speaker->stop(true);
 }
 
 TEST_F(DlnaTest, NewPlayerAsksForXbmcStopsItsRendererAndClampsTheVolume) {
