@@ -56,26 +56,22 @@ protected:
     }
 };
 
-TEST_F(CastPlayerTest, AQueuePlaysThroughWithTitlesAndStopsInNormalMode) {
+TEST_F(CastPlayerTest, AQueuePlaysThroughWithTitlesRelaunchingAnApplicationClosedOutsideAndStopsInNormalMode) {
     auto p = playing({"01 Morning.mp3", "02 Rain & Thunder.mp3"}, 1);
-    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Rain & Thunder\"") == 1; }));
+    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Morning\"") == 1; }));
     const pid_t pid = p->senderPid();
     EXPECT_TRUE(receivedLine(pid, "{\"cmd\":\"LOAD\", \"url\":\"http://127.0.0.1:8200/media/mu_101.mp3\", "
                                   "\"title\":\"Morning\", \"imageUrl\":\"http://127.0.0.1:8200/art/mu_101.jpg\"}\r\n"));
-    ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
-    EXPECT_EQ(loads("\"cmd\":\"LOAD\""), 2) << "NORMAL: once through";
-    EXPECT_EQ(callLog.count("node"), 1) << "one sender for the whole queue";
-    EXPECT_TRUE(waitFor([&] { return gone(pid); })) << "a full stop ends the sender";
-}
-
-TEST_F(CastPlayerTest, AnApplicationClosedByAnotherSenderIsLaunchedAgainForTheNextTrack) {
-    auto p = playing({"01 Morning.mp3", "02 Rain & Thunder.mp3"}, 1);
-    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Morning\"") == 1; }));
+    // Closed by another sender: the next load goes to the same sender, is refused, and a new
+    // sender launches the application again for it.
     setSwitches(R"({"duration": 1, "outside": "close"})");
-    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Rain & Thunder\"") == 2; }))
-        << "refused by the old sender, taken by a new one";
-    EXPECT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
+    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Rain & Thunder\"") == 2; }));
+    EXPECT_TRUE(receivedLine(pid, "\"title\":\"Rain & Thunder\"")) << "one sender for the queue";
+    const pid_t next = p->senderPid();
+    ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
+    EXPECT_EQ(loads("\"cmd\":\"LOAD\""), 3) << "NORMAL: once through";
     EXPECT_EQ(callLog.count("node"), 2);
+    EXPECT_TRUE(waitFor([&] { return gone(next) && gone(pid); })) << "a full stop ends the sender";
 }
 
 TEST_F(CastPlayerTest, ControlsReachTheSenderWithoutWaitingForIt) {
