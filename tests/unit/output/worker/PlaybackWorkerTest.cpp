@@ -74,34 +74,28 @@ TEST_F(WorkerTest, StartsParkedPlaysPausesResumesAndStopsBeforeAnswering) {
 }
 
 TEST_F(WorkerTest, TheEndOfATrackMovesOnByThePlayMode) {
-    struct Case {
-        playMode_e mode;
-        bool stopAfterEachTrack;
-        Calls starts;  // until the player stops, or the first four
-    };
-    const Case cases[] = {
-        {PLAYMODE_NORMAL_E, false, {"start 0", "start 1+", "start 2+"}},
-        {PLAYMODE_REPEAT_E, false, {"start 0", "start 1+", "start 2+", "start 0+"}},
-        // A back-end whose rule is to stop after each finished track.
-        {PLAYMODE_REPEAT_E, true, {"start 0"}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::to_string(c.mode) + (c.stopAfterEachTrack ? " stopping after each" : ""));
+    // The starts until the player stops, or the first four; the last row is a back-end whose rule
+    // is to stop after each finished track.
+    for (const auto& [mode, stopAfterEach, expected] :
+         {std::tuple(PLAYMODE_NORMAL_E, false, Calls{"start 0", "start 1+", "start 2+"}),
+          std::tuple(PLAYMODE_REPEAT_E, false, Calls{"start 0", "start 1+", "start 2+", "start 0+"}),
+          std::tuple(PLAYMODE_REPEAT_E, true, Calls{"start 0"})}) {
+        SCOPED_TRACE(std::to_string(mode) + (stopAfterEach ? " stopping after each" : ""));
         ScriptedPlayer p("three");
-        p.setPlayMode(c.mode, 0, 0);
-        p.stopAfterEachTrack = c.stopAfterEachTrack;
+        p.setPlayMode(mode, 0, 0);
+        p.stopAfterEachTrack = stopAfterEach;
         p.onFollow([] { return Follow::Over; });
         ASSERT_EQ(p.play(), 0);
         ASSERT_TRUE(p.waitFor([&](const Calls& calls) {
-            return ScriptedPlayer::startsIn(calls).size() >= c.starts.size() &&
-                   (c.starts.size() == 4 || calls.back().rfind("stop(", 0) == 0);
+            return ScriptedPlayer::startsIn(calls).size() >= expected.size() &&
+                   (expected.size() == 4 || calls.back().rfind("stop(", 0) == 0);
         }));
         Calls starts = p.starts();
-        starts.resize(std::min(starts.size(), c.starts.size()));
-        EXPECT_EQ(starts, c.starts);
-        if (c.starts.size() < 4) {
+        starts.resize(std::min(starts.size(), expected.size()));
+        EXPECT_EQ(starts, expected);
+        if (expected.size() < 4) {
             ASSERT_TRUE(testsupport::eventually([&] { return p.getPlayerState() == STATE_STOP_E; }));
-            EXPECT_EQ(p.starts().size(), c.starts.size()) << "nothing starts after the stop";
+            EXPECT_EQ(p.starts().size(), expected.size()) << "nothing starts after the stop";
         }
     }
 }
