@@ -1,6 +1,4 @@
-// The AirPlay HTTP client against the simulated receiver, over real HTTP on loopback: the shape
-// of every request (method, path, body, headers), also right after a request of another method,
-// and receivers that refuse, answer garbage or never answer.
+// The AirPlay HTTP client against the simulated receiver, over real HTTP on loopback.
 #include <gtest/gtest.h>
 
 #include <chrono>

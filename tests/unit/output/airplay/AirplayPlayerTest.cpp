@@ -1,7 +1,5 @@
 // The AirPlay player on the simulated appliance (media agent for the URLs) against a simulated
-// receiver over real HTTP: a queue plays through, pause, seek and
-// stop reach the receiver, a receiver that wants a password is driven through the script, and
-// a receiver stopped from its remote or gone from the network stops the player.
+// receiver over real HTTP.
 #include <gtest/gtest.h>
 
 #include "SimReceiver.h"

@@ -1,6 +1,5 @@
 // The AirPlay script interface on the simulated appliance: the argument vector of every
-// operation (what the documented command line delivers, with paths and URLs intact) and the
-// rule that only a status of exactly "0" succeeds.
+// operation, with paths and URLs intact, and the rule that only a status of exactly "0" succeeds.
 #include <gtest/gtest.h>
 
 #include "output/airplay/CSorvane.h"

@@ -1,7 +1,5 @@
-// The Chromecast player against the simulated sender: a queue played through with titles and
-// artwork, controls handed to the sender, the receiver's own remote, and a sender that loses its
-// receiver: reloaded where it was, given up after a few, never left running. (That a player
-// going away ends its sender is the daemon's end-to-end Chromecast test.)
+// The Chromecast player against the simulated sender. (That a player going away ends its
+// sender is the daemon's end-to-end Chromecast test.)
 #include <gtest/gtest.h>
 
 #include <cstdlib>

@@ -1,6 +1,5 @@
 // The Chromecast service against the simulated sender: the exact line of every operation with
-// its escaping, the sender's start and end, and the failures a sender can show (no answer, half
-// an answer, a refused load). A lost receiver is the player's test.
+// its escaping, and the failures a sender can show. A lost receiver is the player's test.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -64,8 +63,9 @@ TEST_F(ChromecastServiceTest, EveryOperationWritesItsLine) {
               "\"subtitle\":\"http://h/sub.srt\"}\r\n"
               "{ \"cmd\":\"PLAY\" }\r\n{ \"cmd\":\"PAUSE\" }\r\n{ \"cmd\":\"SEEK\", \"seektime\":\"1.500000\" }\r\n"
               "{ \"cmd\":\"STATUS\" }\r\n{ \"cmd\":\"SET_VOLUME\", \"volume\":\"0.400000\" }\r\n"
-              "{ \"cmd\":\"GET_VOLUME\" }\r\n{ \"cmd\":\"SET_MUTE\", \"mute\":\"true\" }\r\n{ \"cmd\":\"GET_MUTE\" }\r\n"
-              "{ \"cmd\":\"SET_MUTE\", \"mute\":\"false\" }\r\n{ \"cmd\":\"STOP\" }\r\n{ \"cmd\":\"CLOSE\" }\r\n");
+              "{ \"cmd\":\"GET_VOLUME\" }\r\n{ \"cmd\":\"SET_MUTE\", \"mute\":\"true\" }\r\n"
+              "{ \"cmd\":\"GET_MUTE\" }\r\n{ \"cmd\":\"SET_MUTE\", \"mute\":\"false\" }\r\n"
+              "{ \"cmd\":\"STOP\" }\r\n{ \"cmd\":\"CLOSE\" }\r\n");
     s.closeSender();  // going away ends the sender
     EXPECT_TRUE(gone(pid));
 }

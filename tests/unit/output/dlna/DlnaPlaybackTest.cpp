@@ -1,7 +1,5 @@
-// The DLNA renderer player end to end on the simulated appliance, whose media agent simulates the
-// renderers (transport state, a position that runs with the wall clock times a speed factor,
-// switches set with simctl): what the player sends the agent, how it follows the position, and
-// how it reacts to refusals, stalls and the renderer's own remote control.
+// The DLNA renderer player on the simulated appliance, whose media agent simulates the renderers
+// (a position that runs with the wall clock times a speed factor, switches set with simctl).
 #include <algorithm>
 #include <tuple>
 
@@ -299,7 +297,8 @@ TEST_F(DlnaTest, NewPlayerAsksForXbmcStopsItsRendererAndClampsTheVolume) {
     for (auto [asked, set] : {std::pair(150, "100"), std::pair(-3, "0")}) {
         ASSERT_EQ(p->setVolume(asked), 0);
         EXPECT_EQ(std::to_string(p->getVolume()), set);
-        EXPECT_EQ(commands(newCalls(), "setVolume"), Lines{agentCall({"-c", "setVolume", "--uuid", kTvId, "--vol", set})});
+        EXPECT_EQ(commands(newCalls(), "setVolume"),
+                  Lines{agentCall({"-c", "setVolume", "--uuid", kTvId, "--vol", set})});
     }
     ASSERT_TRUE(renderer(kTvId, {"present=0"}));
     EXPECT_EQ(p->setVolume(50), -1);

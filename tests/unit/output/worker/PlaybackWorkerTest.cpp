@@ -1,6 +1,5 @@
-// The shared worker of the device players, against a scripted device: every hand-off between
-// the command threads and the worker, the end of a track by each play mode, and the faults a
-// device step can bring (a refusal, a step that will not end, a stop from the device itself).
+// The shared worker of the device players, against a scripted device: the hand-offs between
+// the command threads and the worker, the play modes, and the faults a device step can bring.
 #include <gtest/gtest.h>
 
 #include <atomic>
