@@ -1,6 +1,7 @@
 // The DLNA renderer player on the simulated appliance, whose media agent simulates the renderers
 // (a position that runs with the wall clock times a speed factor, switches set with simctl).
 #include <algorithm>
+#include <regex>
 #include <tuple>
 
 #include "output/dlna/CDlnaPlayer.h"
@@ -26,9 +27,6 @@ constexpr milliseconds kTick{100};
 
 // A calls.log line of the agent: tessaly ["arg",...].
 std::string agentCall(const Lines& args) { return testsupport::callLine("tessaly", args); }
-bool isAgentCommand(const std::string& line, const char* command) {
-    return line.rfind(std::string("tessaly [\"-c\",\"") + command + "\"", 0) == 0;
-}
 size_t count(const Lines& lines, const std::string& line) {
     return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
 }
@@ -38,9 +36,10 @@ size_t indexOf(const Lines& lines, const std::string& line) {
 }
 // The agent's command lines among lines[from, to).
 Lines commands(const Lines& lines, const char* command, size_t from = 0, size_t to = std::string::npos) {
+    const std::string prefix = std::string("tessaly [\"-c\",\"") + command + "\"";
     Lines out;
     for (size_t i = from; i < std::min(to, lines.size()); ++i)
-        if (isAgentCommand(lines[i], command)) out.push_back(lines[i]);
+        if (lines[i].rfind(prefix, 0) == 0) out.push_back(lines[i]);
     return out;
 }
 Lines loads(const Lines& lines) { return commands(lines, "setAvTransportUrl"); }
@@ -78,18 +77,17 @@ protected:
     // simctl renderer-set ID KEY=VALUE...
     bool renderer(const char* id, Lines settings) const {
         settings.insert(settings.begin(), {m_root + "/var/sim/simctl", "renderer-set", id});
-        ProcessResult r = runProcess(settings, {.capture = ProcessOptions::Capture::Both});
+        ProcessOptions options;
+        options.capture = ProcessOptions::Capture::Both;
+        ProcessResult r = runProcess(settings, options);
         EXPECT_TRUE(r.ok()) << r.output;
         return r.ok();
     }
     // One field of simctl renderer-show (a JSON object, one field a line), unquoted.
     std::string shown(const char* id, const std::string& key) const {
         const std::string out = runProcess({m_root + "/var/sim/simctl", "renderer-show", id}).output;
-        size_t at = out.find("\"" + key + "\": ");
-        if (at == std::string::npos) return {};
-        at += key.size() + 4;
-        std::string value = out.substr(at, out.find_first_of(",\n", at) - at);
-        return value.size() >= 2 && value.front() == '"' ? value.substr(1, value.size() - 2) : value;
+        std::smatch m;
+        return std::regex_search(out, m, std::regex("\"" + key + "\": \"?([^\",\n]*)")) ? m[1].str() : "";
     }
     std::string rendererState(const char* id = kTvId) const { return shown(id, "state"); }
 
@@ -234,7 +232,9 @@ TEST_F(DlnaTest, SeekReloadsAndPauseFromEitherSideResumesWithoutReloadingEachMon
         size_t loaded = indexOf(calls, load("--filePath", longTrack(), {"--position", position}));
         ASSERT_NE(loaded, std::string::npos);
         EXPECT_EQ(std::min<size_t>(commands(calls, "Stop", 0, loaded).size(), 1), stops);
-        if (stops) EXPECT_EQ(p->getSeekOffset(), position);
+        if (stops) {
+            EXPECT_EQ(p->getSeekOffset(), position);
+        }
         EXPECT_TRUE(eventually([&] { return p->getCurrTimeSecond() >= time_convert_to_second(position); }));
         EXPECT_EQ(p->getPlayerState(), STATE_PLAY_E);
     }

@@ -196,7 +196,10 @@ TEST_F(AlsaTest, VolumeAndMuteRoundTripAndAttributesReachTheOutput) {
 }
 
 TEST_F(AlsaTest, FactoryRefusesABusyDeviceWithoutStartingAServer) {
-    renderCacheInfo_s render{.type = playertype::kAlsa | playertype::kAlsaUsb, .card = "1", .device = "0"};
+    renderCacheInfo_s render;
+    render.type = playertype::kAlsa | playertype::kAlsaUsb;
+    render.card = "1";
+    render.device = "0";
     ASSERT_TRUE(runProcess({m_root + "/var/sim/simctl", "busy", "1", "0"}).ok());
     int result = 0;
     EXPECT_EQ(BackendTable().create("alsa:usb_dac", render, "", "", result), nullptr);
