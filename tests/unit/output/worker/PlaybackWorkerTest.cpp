@@ -127,26 +127,33 @@ TEST_F(WorkerTest, ARefusedQueueStopsAfterOneRoundAndAnUnplayableOneAtOnce) {
     EXPECT_EQ(p.starts().size(), 1u);
 }
 
-TEST_F(WorkerTest, NextAndPreviousGoRoundTheQueue) {
-    ScriptedPlayer p("three");
-    p.setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
-    ASSERT_EQ(p.play(), 0);
-    ASSERT_TRUE(p.waitForCount("follow", 1));
-    ASSERT_EQ(p.previous(), 0);
-    ASSERT_TRUE(p.waitForStarts(2));
-    EXPECT_EQ(p.starts().back(), "start 2") << "before the first comes the last, whatever the mode";
-    ASSERT_EQ(p.next(), 0);
-    ASSERT_TRUE(p.waitForStarts(3));
-    EXPECT_EQ(p.starts().back(), "start 0");
+TEST_F(WorkerTest, NextAndPreviousGoRoundTheQueueAndDestroyingAPlayingPlayerStopsTheDevice) {
+    auto p = std::make_unique<ScriptedPlayer>("three");
+    p->setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(p->waitForCount("follow", 1));
+    ASSERT_EQ(p->previous(), 0);
+    ASSERT_TRUE(p->waitForStarts(2));
+    EXPECT_EQ(p->starts().back(), "start 2") << "before the first comes the last, whatever the mode";
+    ASSERT_EQ(p->next(), 0);
+    ASSERT_TRUE(p->waitForStarts(3));
+    EXPECT_EQ(p->starts().back(), "start 0");
 
     // Stopped: ignored, unless the back-end's rule is to start playing.
-    ASSERT_EQ(p.stop(true), 0);
-    EXPECT_EQ(p.next(), 0);
-    EXPECT_EQ(p.getCurrTrackIndex(), 0u);
-    p.skipPlays = true;
-    ASSERT_EQ(p.next(), 0);
-    ASSERT_TRUE(p.waitForStarts(4));
-    EXPECT_EQ(p.starts().back(), "start 1");
+    ASSERT_EQ(p->stop(true), 0);
+    EXPECT_EQ(p->next(), 0);
+    EXPECT_EQ(p->getCurrTrackIndex(), 0u);
+    p->skipPlays = true;
+    ASSERT_EQ(p->next(), 0);
+    ASSERT_TRUE(p->waitForStarts(4));
+    EXPECT_EQ(p->starts().back(), "start 1");
+
+    p->takeCalls();
+    ASSERT_TRUE(p->waitForCount("follow", 2));
+    std::atomic<bool> stopped{false};
+    p->onStop([&] { stopped = true; });
+    p.reset();  // joins: a worker left running would touch freed memory (ASan) or hang here
+    EXPECT_TRUE(stopped);
 }
 
 TEST_F(WorkerTest, ACommandCutsALongTrackStartShortAndWins) {
@@ -206,16 +213,6 @@ TEST_F(WorkerTest, FollowsAPauseStopOrResumeMadeOnTheDeviceItself) {
     next = Follow::StoppedOutside;
     ASSERT_TRUE(p.waitForCount("stop(true)", 1));
     ASSERT_TRUE(testsupport::eventually([&] { return p.getPlayerState() == STATE_STOP_E; }));
-}
-
-TEST_F(WorkerTest, DestroyingAPlayingPlayerStopsTheDeviceAndEndsTheThread) {
-    auto p = std::make_unique<ScriptedPlayer>("three");
-    ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(p->waitForCount("follow", 2));
-    std::atomic<bool> stopped{false};
-    p->onStop([&] { stopped = true; });
-    p.reset();  // joins: a worker left running would touch freed memory (ASan) or hang here
-    EXPECT_TRUE(stopped);
 }
 
 // The manager edits the queue, the mode and the playlist under the player's lock while the
