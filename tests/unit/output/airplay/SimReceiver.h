@@ -2,6 +2,7 @@
 // with its request log and switches (see sim/README.md).
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <string>
@@ -26,10 +27,9 @@ public:
     // Each request since the last look as "METHOD PATH", then forgotten.
     std::vector<std::string> takeRequests() {
         std::vector<std::string> all = testsupport::readLines(m_dir.path() + "/requests.log");
-        std::vector<std::string> out;
-        for (size_t i = m_seen; i < all.size(); ++i) out.push_back(all[i]);
-        m_seen = all.size();
-        return out;
+        all.erase(all.begin(), all.begin() + static_cast<long>(std::min(m_seen, all.size())));
+        m_seen += all.size();
+        return all;
     }
     void setSwitches(const std::string& json) { testsupport::writeFile(m_dir.path() + "/switches.json", json); }
     // Gone from the network: nothing listens on its port any more.

@@ -1,6 +1,5 @@
 // The AirPlay script interface on the simulated appliance: the argument vector of every
-// operation (what the documented command line delivers, with paths and URLs intact) and the
-// rule that only a status of exactly "0" succeeds.
+// operation, with paths and URLs intact, and the rule that only a status of exactly "0" succeeds.
 #include <gtest/gtest.h>
 
 #include "output/airplay/CSorvane.h"
@@ -8,7 +7,7 @@
 
 namespace {
 
-using CSorvane::CSorvaneOpInterface;
+using Op = CSorvane::CSorvaneOpInterface;
 using testsupport::callLine;
 
 class SorvaneTest : public testsupport::SimRootTest {
@@ -19,20 +18,18 @@ protected:
     }
 };
 
-TEST_F(SorvaneTest, EachOperationRunsTheScriptWithItsArguments) {
+TEST_F(SorvaneTest, EachOperationRunsTheScriptWithItsArgumentsAndOnlyStatusZeroSucceeds) {
     const std::string dev = "uuid:it's \"tv\"";
     const std::string photo = "/share/Public/Photo/a b's.jpg";
-    ASSERT_EQ(CSorvaneOpInterface::sendCommand(CSorvaneOpInterface::kPlay, dev, "http://h/v.mp4?len=30", nullptr,
-                                               "/share/Public/Video/sub 'x'.srt"),
-              0);
-    ASSERT_EQ(CSorvaneOpInterface::sendCommand(CSorvaneOpInterface::kScrub, dev, "12", nullptr, nullptr), 0);
+    ASSERT_EQ(Op::sendCommand(Op::kPlay, dev, "http://h/v.mp4?len=30", nullptr, "/share/Public/Video/sub 'x'.srt"), 0);
+    ASSERT_EQ(Op::sendCommand(Op::kScrub, dev, "12", nullptr, nullptr), 0);
     int curr = -1, total = -1;
-    ASSERT_EQ(CSorvaneOpInterface::getPosInfo(dev, curr, total), 0);
+    ASSERT_EQ(Op::getPosInfo(dev, curr, total), 0);
     EXPECT_EQ(total, 30);
     EXPECT_GE(curr, 12);
-    for (int op : {1, 2, 3, 6}) ASSERT_EQ(CSorvaneOpInterface::sendCommand(op, dev, nullptr, nullptr, nullptr), 0);
-    ASSERT_EQ(CSorvaneOpInterface::sendCommand(CSorvaneOpInterface::kPhoto, dev, photo.c_str(), nullptr, nullptr), 0);
-    ASSERT_EQ(CSorvaneOpInterface::sendCommand(CSorvaneOpInterface::kPlay, dev, "u", "info", nullptr), 0);
+    for (int op : {1, 2, 3, 6}) ASSERT_EQ(Op::sendCommand(op, dev, nullptr, nullptr, nullptr), 0);
+    ASSERT_EQ(Op::sendCommand(Op::kPhoto, dev, photo.c_str(), nullptr, nullptr), 0);
+    ASSERT_EQ(Op::sendCommand(Op::kPlay, dev, "u", "info", nullptr), 0);
 
     EXPECT_EQ(callLog.fresh(),
               (std::vector<std::string>{
@@ -46,18 +43,16 @@ TEST_F(SorvaneTest, EachOperationRunsTheScriptWithItsArguments) {
                   php({"-c=photo", "-d=" + dev, "-u=" + photo, "-x"}),
                   php({"-c=play", "-d=" + dev, "-u=u", "-x", "-i=info"}),
               }));
-}
 
-TEST_F(SorvaneTest, OnlyStatusZeroSucceedsAndNothingRunsWithoutAnOperation) {
-    EXPECT_EQ(CSorvaneOpInterface::sendCommand(CSorvaneOpInterface::kPhoto, "d", nullptr, nullptr, nullptr), -1);
-    EXPECT_EQ(CSorvaneOpInterface::sendCommand(99, "d", "x", nullptr, nullptr), -1);
+    // Only a status of exactly "0" succeeds, and nothing runs without an operation.
+    EXPECT_EQ(Op::sendCommand(Op::kPhoto, "d", nullptr, nullptr, nullptr), -1);
+    EXPECT_EQ(Op::sendCommand(99, "d", "x", nullptr, nullptr), -1);
     EXPECT_TRUE(callLog.fresh().empty());
 
     for (const char* status : {"00", "01", "1", ""}) {
-        ASSERT_TRUE(testsupport::writeFile(m_root + "/var/sim/sorvane.json",
+        ASSERT_TRUE(testsupport::writeFile(at("var/sim/sorvane.json"),
                                            std::string(R"({"status": ")") + status + "\"}"));
-        EXPECT_EQ(CSorvaneOpInterface::sendCommand(CSorvaneOpInterface::kStop, "d", nullptr, nullptr, nullptr), -1)
-            << "[" << status << "]";
+        EXPECT_EQ(Op::sendCommand(Op::kStop, "d", nullptr, nullptr, nullptr), -1) << "[" << status << "]";
     }
 }
 

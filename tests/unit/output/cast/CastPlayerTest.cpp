@@ -1,7 +1,5 @@
-// The Chromecast player against the simulated sender: a queue played through with titles and
-// artwork, controls handed to the sender, the receiver's own remote, and a sender that loses its
-// receiver: reloaded where it was, given up after a few, never left running. (That a player
-// going away ends its sender is the daemon's end-to-end Chromecast test.)
+// The Chromecast player against the simulated sender. (That a player going away ends its
+// sender is the daemon's end-to-end Chromecast test.)
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -26,17 +24,26 @@ protected:
         ChromecastService::setReplyTimeout(35s);
         CastSenderTest::TearDown();
     }
-    void makePlaylist(const char* title, const std::vector<std::string>& files) {
+    // A player of the given tracks, their length told by the sender; with volume >= 0 set
+    // before it plays.
+    std::unique_ptr<CChromecast> playing(const std::vector<std::string>& files, int seconds = 60, int volume = -1) {
+        setSwitches(R"({"duration": )" + std::to_string(seconds) + "}");
         std::vector<testsupport::Entry> entries;
         for (const auto& f : files) entries.push_back(testsupport::file(at("share/Public/Music/" + f)));
-        testsupport::makePlaylist(title, entries);
+        testsupport::makePlaylist("queue", entries);
+        auto p = std::make_unique<CChromecast>(playertype::kChromecast | playertype::kCapAudio, "cast-1", "Den",
+                                               "queue", "music", "10.0.0.7", 8009);
+        EXPECT_TRUE(volume < 0 || p->setVolume(volume) == 0);
+        EXPECT_EQ(p->play(), 0);
+        return p;
     }
-    std::unique_ptr<CChromecast> player(const char* title) {
-        return std::make_unique<CChromecast>(playertype::kChromecast | playertype::kCapAudio, "cast-1", "Den", title,
-                                             "music", "10.0.0.7", 8009);
-    }
+    // The sender's switches besides a minute's track length.
+    void switches(const std::string& more) { setSwitches(R"({"duration": 60, )" + more + "}"); }
     static bool waitFor(const std::function<bool()>& done) { return testsupport::eventually(done, 20s); }
-    // LOAD lines read by every sender so far, in order.
+    bool waitSent(pid_t pid, const std::string& line) {
+        return waitFor([&] { return receivedLine(pid, "{ \"cmd\":" + line + " }\r\n"); });
+    }
+    // How often what occurs in what every sender so far read.
     int loads(const std::string& what) {
         int n = 0;
         for (const auto& entry : std::filesystem::directory_iterator(at("var/sim/cast"))) {
@@ -47,58 +54,43 @@ protected:
     }
 };
 
-TEST_F(CastPlayerTest, AQueuePlaysThroughWithTitlesAndStopsInNormalMode) {
-    setSwitches(R"({"duration": 1})");
-    makePlaylist("two", {"01 Morning.mp3", "02 Rain & Thunder.mp3"});
-    auto p = player("two");
-    ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Rain & Thunder\"") == 1; }));
+TEST_F(CastPlayerTest, AQueuePlaysThroughWithTitlesRelaunchingAnApplicationClosedOutsideAndStopsInNormalMode) {
+    auto p = playing({"01 Morning.mp3", "02 Rain & Thunder.mp3"}, 1);
+    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Morning\"") == 1; }));
     const pid_t pid = p->senderPid();
     EXPECT_TRUE(receivedLine(pid, "{\"cmd\":\"LOAD\", \"url\":\"http://127.0.0.1:8200/media/mu_101.mp3\", "
                                   "\"title\":\"Morning\", \"imageUrl\":\"http://127.0.0.1:8200/art/mu_101.jpg\"}\r\n"));
-    ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
-    EXPECT_EQ(loads("\"cmd\":\"LOAD\""), 2) << "NORMAL: once through";
-    EXPECT_EQ(callLog.count("node"), 1) << "one sender for the whole queue";
-    EXPECT_TRUE(waitFor([&] { return gone(pid); })) << "a full stop ends the sender";
-}
-
-TEST_F(CastPlayerTest, AnApplicationClosedByAnotherSenderIsLaunchedAgainForTheNextTrack) {
-    setSwitches(R"({"duration": 1})");
-    makePlaylist("two", {"01 Morning.mp3", "02 Rain & Thunder.mp3"});
-    auto p = player("two");
-    ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Morning\"") == 1; }));
+    // Closed by another sender: the next load goes to the same sender, is refused, and a new
+    // sender launches the application again for it.
     setSwitches(R"({"duration": 1, "outside": "close"})");
-    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Rain & Thunder\"") == 2; }))
-        << "refused by the old sender, taken by a new one";
-    EXPECT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
+    ASSERT_TRUE(waitFor([&] { return loads("\"title\":\"Rain & Thunder\"") == 2; }));
+    EXPECT_TRUE(receivedLine(pid, "\"title\":\"Rain & Thunder\"")) << "one sender for the queue";
+    const pid_t next = p->senderPid();
+    ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
+    EXPECT_EQ(loads("\"cmd\":\"LOAD\""), 3) << "NORMAL: once through";
     EXPECT_EQ(callLog.count("node"), 2);
+    EXPECT_TRUE(waitFor([&] { return gone(next) && gone(pid); })) << "a full stop ends the sender";
 }
 
 TEST_F(CastPlayerTest, ControlsReachTheSenderWithoutWaitingForIt) {
-    setSwitches(R"({"duration": 60})");
-    makePlaylist("one", {"01 Morning.mp3"});
-    auto p = player("one");
-    EXPECT_EQ(p->setVolume(30), 0) << "kept for the first load";
-    ASSERT_EQ(p->play(), 0);
+    auto p = playing({"01 Morning.mp3"}, 60, 30);
     ASSERT_TRUE(waitFor([&] { return p->senderPid() > 0 && p->getTotalTimeSecond() == 60; }));
     const pid_t pid = p->senderPid();
-    EXPECT_TRUE(waitFor([&] { return receivedLine(pid, "{ \"cmd\":\"SET_VOLUME\", \"volume\":\"0.300000\" }\r\n"); }));
+    EXPECT_TRUE(waitSent(pid, R"("SET_VOLUME", "volume":"0.300000")")) << "kept for the first load";
 
     ASSERT_EQ(p->pause(), 0);
     EXPECT_TRUE(receivedLine(pid, "{ \"cmd\":\"PAUSE\" }\r\n"));
     ASSERT_EQ(p->seek("00:00:30"), 0);
-    EXPECT_TRUE(waitFor([&] { return receivedLine(pid, "{ \"cmd\":\"SEEK\", \"seektime\":\"30.000000\" }\r\n"); }))
-        << "sought while paused";
+    EXPECT_TRUE(waitSent(pid, R"("SEEK", "seektime":"30.000000")")) << "sought while paused";
     ASSERT_EQ(p->setMute(true), 0);
     EXPECT_TRUE(p->isMute());
-    EXPECT_TRUE(waitFor([&] { return receivedLine(pid, "{ \"cmd\":\"SET_MUTE\", \"mute\":\"true\" }\r\n"); }));
+    EXPECT_TRUE(waitSent(pid, R"("SET_MUTE", "mute":"true")"));
     ASSERT_EQ(p->setMute(false), 0);
     ASSERT_EQ(p->setVolume(45), 0);
     ASSERT_EQ(p->play(), 0);
     EXPECT_TRUE(receivedLine(pid, "{ \"cmd\":\"PLAY\" }\r\n"));
     EXPECT_TRUE(waitFor([&] { return p->getCurrTimeSecondWithOutSeek() >= 30; })) << "the position counts on from 30";
-    EXPECT_TRUE(waitFor([&] { return receivedLine(pid, "{ \"cmd\":\"SET_VOLUME\", \"volume\":\"0.450000\" }\r\n"); }));
+    EXPECT_TRUE(waitSent(pid, R"("SET_VOLUME", "volume":"0.450000")"));
     EXPECT_EQ(p->getVolume(), 45);
 
     ASSERT_EQ(p->stop(true), 0);
@@ -107,15 +99,12 @@ TEST_F(CastPlayerTest, ControlsReachTheSenderWithoutWaitingForIt) {
 }
 
 TEST_F(CastPlayerTest, ASilentSenderHoldsUpNoCommandThread) {
-    setSwitches(R"({"duration": 60})");
-    makePlaylist("one", {"01 Morning.mp3"});
-    auto p = player("one");
-    ASSERT_EQ(p->play(), 0);
+    auto p = playing({"01 Morning.mp3"});
     ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecondWithOutSeek() >= 1; }));
     ChromecastService::setReplyTimeout(8s);
     const pid_t pid = p->senderPid();
     const size_t before = received(pid).size();
-    setSwitches(R"({"duration": 60, "silent": true})");
+    switches(R"("silent": true)");
     // A status request goes unanswered: the worker waits out the reply time-out ...
     ASSERT_TRUE(waitFor([&] { return received(pid).find("STATUS", before) != std::string::npos; }));
     // ... while the controls are taken without it.
@@ -129,35 +118,28 @@ TEST_F(CastPlayerTest, ASilentSenderHoldsUpNoCommandThread) {
     // Then the silent sender is replaced, and the new one gets what was asked meanwhile.
     ASSERT_TRUE(waitFor([&] { return p->senderPid() > 0 && p->senderPid() != pid; }));
     EXPECT_TRUE(gone(pid));
-    const pid_t next = p->senderPid();
-    EXPECT_TRUE(waitFor([&] { return receivedLine(next, "{ \"cmd\":\"SET_MUTE\", \"mute\":\"true\" }\r\n"); }));
+    EXPECT_TRUE(waitSent(p->senderPid(), R"("SET_MUTE", "mute":"true")"));
 }
 
 TEST_F(CastPlayerTest, TheReceiversOwnRemoteIsFollowed) {
-    setSwitches(R"({"duration": 60})");
-    makePlaylist("one", {"01 Morning.mp3"});
-    auto p = player("one");
-    ASSERT_EQ(p->play(), 0);
+    auto p = playing({"01 Morning.mp3"});
     ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecondWithOutSeek() >= 1; }));
-    setSwitches(R"({"duration": 60, "outside": "pause"})");
-    ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_PAUSE_E; }));
-    setSwitches(R"({"duration": 60, "outside": "resume"})");
-    ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_PLAY_E; }));
+    for (auto [outside, state] : {std::pair("pause", STATE_PAUSE_E), std::pair("resume", STATE_PLAY_E)}) {
+        switches(std::string(R"("outside": ")") + outside + "\"");
+        ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == state; })) << outside;
+    }
     const pid_t pid = p->senderPid();
-    setSwitches(R"({"duration": 60, "outside": "stop"})");
+    switches(R"("outside": "stop")");
     ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
     EXPECT_TRUE(waitFor([&] { return gone(pid); }));
     EXPECT_EQ(loads("\"cmd\":\"LOAD\""), 1) << "stopped, not moved on";
 }
 
 TEST_F(CastPlayerTest, ALostSenderIsReplacedWhereTheTrackWasThenGivenUp) {
-    setSwitches(R"({"duration": 60})");
-    makePlaylist("one", {"01 Morning.mp3"});
-    auto p = player("one");
-    ASSERT_EQ(p->play(), 0);
+    auto p = playing({"01 Morning.mp3"});
     ASSERT_TRUE(waitFor([&] { return p->getCurrTimeSecondWithOutSeek() >= 2; }));
     const pid_t first = p->senderPid();
-    setSwitches(R"({"duration": 60, "drop": 1})");
+    switches(R"("drop": 1)");
     ASSERT_TRUE(waitFor([&] { return p->senderPid() > 0 && p->senderPid() != first; }));
     const pid_t second = p->senderPid();
     EXPECT_TRUE(gone(first));
@@ -175,7 +157,7 @@ TEST_F(CastPlayerTest, ALostSenderIsReplacedWhereTheTrackWasThenGivenUp) {
     }));
 
     // Lost for good: three new senders, then the player stops with none left.
-    setSwitches(R"({"duration": 60, "drop": 100})");
+    switches(R"("drop": 100)");
     ASSERT_TRUE(waitFor([&] { return p->getPlayerState() == STATE_STOP_E; }));
     EXPECT_EQ(callLog.count("node"), 2 + CChromecast::kMaxReloads);
     EXPECT_EQ(p->senderPid(), -1);

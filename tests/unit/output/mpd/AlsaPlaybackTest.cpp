@@ -22,11 +22,8 @@ using Lines = std::vector<std::string>;
 
 constexpr long kPcmBytesPerSecond = 44100 * 2 * 2;  // what the simulated outputs record
 
-bool contains(const Lines& lines, const std::string& line) {
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
 // True when every one of wanted occurs in lines, in this order.
-bool inOrder(const Lines& lines, const Lines& wanted) {
+bool has(const Lines& lines, const Lines& wanted) {
     auto it = lines.begin();
     for (const auto& w : wanted)
         if ((it = std::find(it, lines.end(), w)) == lines.end()) return false;
@@ -39,9 +36,7 @@ bool processRuns(int pid) {
     size_t close = text.rfind(')');
     return close != std::string::npos && close + 2 < text.size() && text[close + 2] != 'Z';
 }
-bool waitState(CAlsaPlayer& p, playerState_e state) {
-    return eventually([&] { return p.getPlayerState() == state; });
-}
+bool waitState(CAlsaPlayer& p, playerState_e state) { return eventually([&] { return p.getPlayerState() == state; }); }
 
 class AlsaTest : public testsupport::ThreadCheckedTest {
 protected:
@@ -59,9 +54,6 @@ protected:
     std::string track(const char* name, int hz = 440, int seconds = 1) const {
         return tone(std::string("alsa-test/") + name, hz, seconds, {"-ac", "2", "-ar", "44100"});
     }
-    std::string toneA() const { return track("a440.flac"); }
-    std::string toneB() const { return track("02 Rain & $(echo pwned) 'x'.flac", 523); }
-    std::string toneC() const { return track("c659.flac", 659); }
     std::string longTone() const { return track("long4s.flac", 330, 4); }
     static std::unique_ptr<CAlsaPlayer> player(const char* title = nullptr) {
         return std::make_unique<CAlsaPlayer>(playertype::kAlsa | playertype::kAlsaUsb, "alsa:usb_dac", "USB DAC",
@@ -70,15 +62,15 @@ protected:
     // The mpc calls of one player since the last look, without the status polls.
     Lines mpcCalls(const CAlsaPlayer& p) {
         Lines out;
-        const std::string prefix = mpc(p, {}).substr(0, mpc(p, {}).size() - 1) + ",";
+        std::string prefix = mpc(p, {});
+        prefix.back() = ',';
         for (const auto& line : callLog.fresh())
             if (line.rfind(prefix, 0) == 0 && line != mpc(p, {"status"})) out.push_back(line);
         return out;
     }
-    std::string mpc(const CAlsaPlayer& p, const Lines& args) const {
-        Lines all{"-p", std::to_string(p.getPort())};
-        all.insert(all.end(), args.begin(), args.end());
-        return callLine("mpc", all);
+    std::string mpc(const CAlsaPlayer& p, Lines args) const {
+        args.insert(args.begin(), {"-p", std::to_string(p.getPort())});
+        return callLine("mpc", args);
     }
     // What the player's MPD says right now, or makes it do.
     ProcessResult runMpc(const CAlsaPlayer& p, const char* command) const {
@@ -93,8 +85,10 @@ protected:
 
 TEST_F(AlsaTest, QueuePlaysThroughOnceSkippingWhatCannotPlay) {
     const std::string missing = m_root + "/no/such/file.flac";  // MPD refuses it
-    makePlaylist("trip", {file(toneA()), testsupport::object("mu_999") /* the library does not know it */,
-                          file(missing), file(toneB()), file(toneC())});
+    const std::string a = track("a440.flac"), b = track("02 Rain & $(echo pwned) 'x'.flac", 523);
+    const std::string c = track("c659.flac", 659);
+    makePlaylist("trip", {file(a), testsupport::object("mu_999") /* the library does not know it */, file(missing),
+                          file(b), file(c)});
     auto p = player("trip");
     ASSERT_EQ(p->getPlaylistSize(), 5u);
     mpcCalls(*p);
@@ -106,8 +100,8 @@ TEST_F(AlsaTest, QueuePlaysThroughOnceSkippingWhatCannotPlay) {
 
     // Three seconds of tone went to the USB output.
     EXPECT_GE(pcmBytes() - before, 25 * kPcmBytesPerSecond / 10);
-    EXPECT_TRUE(inOrder(mpcCalls(*p), {mpc(*p, {"add", "file://" + toneA()}), mpc(*p, {"add", "file://" + missing}),
-                                       mpc(*p, {"add", "file://" + toneB()}), mpc(*p, {"add", "file://" + toneC()})}));
+    auto add = [&](const std::string& path) { return mpc(*p, {"add", "file://" + path}); };
+    EXPECT_TRUE(has(mpcCalls(*p), {add(a), add(missing), add(b), add(c)}));
     EXPECT_EQ(runMpc(*p, "status").output.find("[playing]"), std::string::npos);
 }
 
@@ -121,7 +115,7 @@ TEST_F(AlsaTest, SeekPauseAndResumeKeepThePosition) {
     ASSERT_EQ(p->play(), 0);
     ASSERT_TRUE(waitState(*p, STATE_PLAY_E));
     ASSERT_EQ(p->seek("00:00:02"), 0);
-    EXPECT_TRUE(contains(mpcCalls(*p), mpc(*p, {"seek", "00:00:02"})));
+    EXPECT_TRUE(has(mpcCalls(*p), {mpc(*p, {"seek", "00:00:02"})}));
     ASSERT_TRUE(eventually([&] { return p->getCurrTimeSecond() >= 2; }));
     EXPECT_EQ(p->getTotalTime(), "00:00:04");
 
@@ -141,9 +135,8 @@ TEST_F(AlsaTest, SeekPauseAndResumeKeepThePosition) {
     ASSERT_TRUE(waitState(*p, STATE_PLAY_E));
     EXPECT_GE(p->getCurrTimeSecond(), 2);
     Lines calls = mpcCalls(*p);
-    EXPECT_TRUE(contains(calls, mpc(*p, {"play"})));
-    EXPECT_TRUE(std::none_of(calls.begin(), calls.end(),
-                             [](const std::string& l) { return l.find("\"add\"") != std::string::npos; }));
+    EXPECT_TRUE(has(calls, {mpc(*p, {"play"})}));
+    EXPECT_TRUE(std::none_of(calls.begin(), calls.end(), [](auto& l) { return l.find("\"add\"") != l.npos; }));
 
     // Paused behind the player's back: the player follows MPD.
     ASSERT_TRUE(runMpc(*p, "pause").ok());
@@ -170,13 +163,13 @@ TEST_F(AlsaTest, SlicePlaysOnlyItsPartOfTheFile) {
     EXPECT_GT(pcmBytes() - before, kPcmBytesPerSecond / 2);
     // Muted around the jump to the slice's start, then the volume is back.
     Lines calls = mpcCalls(*p);
-    EXPECT_TRUE(inOrder(calls, {mpc(*p, {"volume", "0"}), mpc(*p, {"play"}), mpc(*p, {"seek", "00:00:01"}),
+    EXPECT_TRUE(has(calls, {mpc(*p, {"volume", "0"}), mpc(*p, {"play"}), mpc(*p, {"seek", "00:00:01"}),
                                 mpc(*p, {"volume", "80"})}));
     EXPECT_EQ(std::count(calls.begin(), calls.end(), mpc(*p, {"seek", "00:00:01"})), 2);  // ours and seek()'s
     EXPECT_EQ(p->getVolume(), 80);
 }
 
-TEST_F(AlsaTest, VolumeAndMuteRoundTrip) {
+TEST_F(AlsaTest, VolumeAndMuteRoundTripAndAttributesReachTheOutput) {
     auto p = player();
     EXPECT_EQ(p->getVolume(), 100);
     EXPECT_EQ(p->setVolume(101), -1);
@@ -192,17 +185,13 @@ TEST_F(AlsaTest, VolumeAndMuteRoundTrip) {
     EXPECT_TRUE(p->isMute());
     ASSERT_EQ(p->setMute(false), 0);
     EXPECT_EQ(p->getVolume(), 1);
-}
 
-TEST_F(AlsaTest, AttributesGoToTheOutputAndTheSharedServerReloads) {
-    auto p = player();
+    // Attributes go to the output, and the shared server reloads.
     mpcCalls(*p);
     EXPECT_EQ(p->setAttributes("SAMPLERATE=Auto,DSDPASS=enable"), 0);
-    Lines calls = callLog.fresh();
-    EXPECT_TRUE(contains(calls, mpc(*p, {"setoutputattr", "USB DAC", "1", "-1"})));
-    EXPECT_TRUE(contains(calls, callLine("mpc", {"-p", "8893", "reloadsettings"})));
-    EXPECT_EQ(p->setAttributes("VOLUME=3,DSDPASS"), -1);
-    EXPECT_EQ(p->setAttributes(nullptr), -1);
+    EXPECT_TRUE(has(callLog.fresh(), {mpc(*p, {"setoutputattr", "USB DAC", "1", "-1"}),
+                                      callLine("mpc", {"-p", "8893", "reloadsettings"})}));
+    EXPECT_EQ(p->setAttributes("VOLUME=3,DSDPASS"), -1) << "nothing it understands";
     EXPECT_TRUE(callLog.fresh().empty());
 }
 
@@ -233,7 +222,7 @@ TEST_F(AlsaTest, DestroyingAPlayingPlayerEndsItsServerAndThread) {
     EXPECT_LT(std::chrono::steady_clock::now() - started, 6s);
     EXPECT_FALSE(processRuns(pid));
     EXPECT_FALSE(testsupport::exists(instance + "/socket"));
-    EXPECT_TRUE(contains(callLog.fresh(), callLine("mpd", {"--port", port, "--kill", m_root + "/tmp/larkd/morrat.conf"})));
+    EXPECT_TRUE(has(callLog.fresh(), {callLine("mpd", {"--port", port, "--kill", m_root + "/tmp/larkd/morrat.conf"})}));
     // The thread count is checked by the fixture.
 }
 

@@ -1,6 +1,5 @@
-// The shared worker of the device players, against a scripted device: every hand-off between
-// the command threads and the worker, the end of a track by each play mode, and the faults a
-// device step can bring (a refusal, a step that will not end, a stop from the device itself).
+// The shared worker of the device players, against a scripted device: the hand-offs between
+// the command threads and the worker, the play modes, and the faults a device step can bring.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -24,6 +23,7 @@ protected:
     void SetUp() override {
         PlayerTest::SetUp();
         vlog::setQuiet(true);  // the worker traces every pass
+        makePlaylist("three", 3);
     }
     void TearDown() override {
         vlog::setQuiet(false);
@@ -31,12 +31,10 @@ protected:
     }
 };
 
-TEST_F(WorkerTest, StartsParkedPlaysOnRequestAndStopsBeforeAnswering) {
+TEST_F(WorkerTest, StartsParkedPlaysPausesResumesAndStopsBeforeAnswering) {
     ScriptedPlayer empty("");
     EXPECT_EQ(empty.play(), -1);
     EXPECT_EQ(empty.next(), 0) << "a stopped player ignores next()";
-
-    makePlaylist("three", 3);
     ScriptedPlayer p("three");
     EXPECT_EQ(p.takeCalls(), Calls{"stop(true)"}) << "the first pass stops the device, then parks";
     EXPECT_TRUE(p.isParked());
@@ -50,24 +48,9 @@ TEST_F(WorkerTest, StartsParkedPlaysOnRequestAndStopsBeforeAnswering) {
     EXPECT_EQ(p.getPlayerState(), STATE_PLAY_E);
     EXPECT_EQ(p.play(), 0);
 
-    p.setCurrTime(42);
-    ASSERT_EQ(p.stop(false), 0);
-    // Done by the time stop() answers: the device was told and the player shows it.
-    EXPECT_TRUE(contains(p.calls(), "stop(false)"));
-    EXPECT_EQ(p.getPlayerState(), STATE_STOP_E);
-    EXPECT_EQ(p.getCurrTime(), "00:00:00");
-}
-
-TEST_F(WorkerTest, PauseHoldsTheTrackAndPlayResumesIt) {
-    makePlaylist("three", 3);
-    ScriptedPlayer p("three");
-    ASSERT_EQ(p.play(), 0);
-    ASSERT_TRUE(p.waitForCount("follow", 1));
     ASSERT_EQ(p.pause(), 0);
     EXPECT_EQ(p.getPlayerState(), STATE_PAUSE_E);
-    EXPECT_TRUE(contains(p.calls(), "pause"));
-
-    p.takeCalls();
+    EXPECT_TRUE(contains(p.takeCalls(), "pause"));
     ASSERT_EQ(p.play(), 0);
     EXPECT_EQ(p.getPlayerState(), STATE_PLAY_E);
     ASSERT_TRUE(p.waitForCount("follow", 1));
@@ -80,49 +63,43 @@ TEST_F(WorkerTest, PauseHoldsTheTrackAndPlayResumesIt) {
     EXPECT_EQ(p.play(), -1);
     EXPECT_EQ(p.getPlayerState(), STATE_PAUSE_E);
 
-    // Stopping a paused player stops the device.
+    // Stopping a paused player stops the device, done by the time stop() answers.
+    p.setCurrTime(42);
     p.takeCalls();
-    ASSERT_EQ(p.stop(true), 0);
-    EXPECT_EQ(p.takeCalls(), Calls{"stop(true)"});
+    ASSERT_EQ(p.stop(false), 0);
+    EXPECT_EQ(p.takeCalls(), Calls{"stop(false)"});
     EXPECT_EQ(p.getPlayerState(), STATE_STOP_E);
+    EXPECT_EQ(p.getCurrTime(), "00:00:00");
 }
 
 TEST_F(WorkerTest, TheEndOfATrackMovesOnByThePlayMode) {
-    makePlaylist("three", 3);
-    struct Case {
-        playMode_e mode;
-        bool stopAfterEachTrack;
-        Calls starts;  // until the player stops, or the first four
-    };
-    const Case cases[] = {
-        {PLAYMODE_NORMAL_E, false, {"start 0", "start 1+", "start 2+"}},
-        {PLAYMODE_REPEAT_E, false, {"start 0", "start 1+", "start 2+", "start 0+"}},
-        // A back-end whose rule is to stop after each finished track.
-        {PLAYMODE_REPEAT_E, true, {"start 0"}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::to_string(c.mode) + (c.stopAfterEachTrack ? " stopping after each" : ""));
+    // The starts until the player stops, or the first four; the last row is a back-end whose rule
+    // is to stop after each finished track.
+    for (const auto& [mode, stopAfterEach, expected] :
+         {std::tuple(PLAYMODE_NORMAL_E, false, Calls{"start 0", "start 1+", "start 2+"}),
+          std::tuple(PLAYMODE_REPEAT_E, false, Calls{"start 0", "start 1+", "start 2+", "start 0+"}),
+          std::tuple(PLAYMODE_REPEAT_E, true, Calls{"start 0"})}) {
+        SCOPED_TRACE(std::to_string(mode) + (stopAfterEach ? " stopping after each" : ""));
         ScriptedPlayer p("three");
-        p.setPlayMode(c.mode, 0, 0);
-        p.stopAfterEachTrack = c.stopAfterEachTrack;
+        p.setPlayMode(mode, 0, 0);
+        p.stopAfterEachTrack = stopAfterEach;
         p.onFollow([] { return Follow::Over; });
         ASSERT_EQ(p.play(), 0);
         ASSERT_TRUE(p.waitFor([&](const Calls& calls) {
-            return ScriptedPlayer::startsIn(calls).size() >= c.starts.size() &&
-                   (c.starts.size() == 4 || calls.back().rfind("stop(", 0) == 0);
+            return ScriptedPlayer::startsIn(calls).size() >= expected.size() &&
+                   (expected.size() == 4 || calls.back().rfind("stop(", 0) == 0);
         }));
         Calls starts = p.starts();
-        starts.resize(std::min(starts.size(), c.starts.size()));
-        EXPECT_EQ(starts, c.starts);
-        if (c.starts.size() < 4) {
+        starts.resize(std::min(starts.size(), expected.size()));
+        EXPECT_EQ(starts, expected);
+        if (expected.size() < 4) {
             ASSERT_TRUE(testsupport::eventually([&] { return p.getPlayerState() == STATE_STOP_E; }));
-            EXPECT_EQ(p.starts().size(), c.starts.size()) << "nothing starts after the stop";
+            EXPECT_EQ(p.starts().size(), expected.size()) << "nothing starts after the stop";
         }
     }
 }
 
 TEST_F(WorkerTest, ARefusedQueueStopsAfterOneRoundAndAnUnplayableOneAtOnce) {
-    makePlaylist("three", 3);
     ScriptedPlayer p("three");
     p.setPlayMode(PLAYMODE_REPEAT_E, 0, 0);
     p.onStart([](size_t) { return Start::Refused; });
@@ -150,31 +127,36 @@ TEST_F(WorkerTest, ARefusedQueueStopsAfterOneRoundAndAnUnplayableOneAtOnce) {
     EXPECT_EQ(p.starts().size(), 1u);
 }
 
-TEST_F(WorkerTest, NextAndPreviousGoRoundTheQueue) {
-    makePlaylist("three", 3);
-    ScriptedPlayer p("three");
-    p.setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
-    ASSERT_EQ(p.play(), 0);
-    ASSERT_TRUE(p.waitForCount("follow", 1));
-    ASSERT_EQ(p.previous(), 0);
-    ASSERT_TRUE(p.waitForStarts(2));
-    EXPECT_EQ(p.starts().back(), "start 2") << "before the first comes the last, whatever the mode";
-    ASSERT_EQ(p.next(), 0);
-    ASSERT_TRUE(p.waitForStarts(3));
-    EXPECT_EQ(p.starts().back(), "start 0");
+TEST_F(WorkerTest, NextAndPreviousGoRoundTheQueueAndDestroyingAPlayingPlayerStopsTheDevice) {
+    auto p = std::make_unique<ScriptedPlayer>("three");
+    p->setPlayMode(PLAYMODE_NORMAL_E, 0, 0);
+    ASSERT_EQ(p->play(), 0);
+    ASSERT_TRUE(p->waitForCount("follow", 1));
+    ASSERT_EQ(p->previous(), 0);
+    ASSERT_TRUE(p->waitForStarts(2));
+    EXPECT_EQ(p->starts().back(), "start 2") << "before the first comes the last, whatever the mode";
+    ASSERT_EQ(p->next(), 0);
+    ASSERT_TRUE(p->waitForStarts(3));
+    EXPECT_EQ(p->starts().back(), "start 0");
 
     // Stopped: ignored, unless the back-end's rule is to start playing.
-    ASSERT_EQ(p.stop(true), 0);
-    EXPECT_EQ(p.next(), 0);
-    EXPECT_EQ(p.getCurrTrackIndex(), 0u);
-    p.skipPlays = true;
-    ASSERT_EQ(p.next(), 0);
-    ASSERT_TRUE(p.waitForStarts(4));
-    EXPECT_EQ(p.starts().back(), "start 1");
+    ASSERT_EQ(p->stop(true), 0);
+    EXPECT_EQ(p->next(), 0);
+    EXPECT_EQ(p->getCurrTrackIndex(), 0u);
+    p->skipPlays = true;
+    ASSERT_EQ(p->next(), 0);
+    ASSERT_TRUE(p->waitForStarts(4));
+    EXPECT_EQ(p->starts().back(), "start 1");
+
+    p->takeCalls();
+    ASSERT_TRUE(p->waitForCount("follow", 2));
+    std::atomic<bool> stopped{false};
+    p->onStop([&] { stopped = true; });
+    p.reset();  // joins: a worker left running would touch freed memory (ASan) or hang here
+    EXPECT_TRUE(stopped);
 }
 
 TEST_F(WorkerTest, ACommandCutsALongTrackStartShortAndWins) {
-    makePlaylist("three", 3);
     ScriptedPlayer p("three");
     // A device that takes its time, in naps a command cuts short (then it gives up).
     p.onStart([&](size_t) {
@@ -193,7 +175,6 @@ TEST_F(WorkerTest, ACommandCutsALongTrackStartShortAndWins) {
 }
 
 TEST_F(WorkerTest, AStopThatHangsIsGivenUpAndCarriedOutLater) {
-    makePlaylist("three", 3);
     ScriptedPlayer p("three", 200ms);
     ASSERT_EQ(p.play(), 0);
     ASSERT_TRUE(p.waitForCount("follow", 1));
@@ -210,7 +191,6 @@ TEST_F(WorkerTest, AStopThatHangsIsGivenUpAndCarriedOutLater) {
 }
 
 TEST_F(WorkerTest, FollowsAPauseStopOrResumeMadeOnTheDeviceItself) {
-    makePlaylist("three", 3);
     ScriptedPlayer p("three");
     std::atomic<Follow> next{Follow::Playing};
     p.onFollow([&] { return next.exchange(Follow::Playing); });
@@ -233,17 +213,6 @@ TEST_F(WorkerTest, FollowsAPauseStopOrResumeMadeOnTheDeviceItself) {
     next = Follow::StoppedOutside;
     ASSERT_TRUE(p.waitForCount("stop(true)", 1));
     ASSERT_TRUE(testsupport::eventually([&] { return p.getPlayerState() == STATE_STOP_E; }));
-}
-
-TEST_F(WorkerTest, DestroyingAPlayingPlayerStopsTheDeviceAndEndsTheThread) {
-    makePlaylist("three", 3);
-    auto p = std::make_unique<ScriptedPlayer>("three");
-    ASSERT_EQ(p->play(), 0);
-    ASSERT_TRUE(p->waitForCount("follow", 2));
-    std::atomic<bool> stopped{false};
-    p->onStop([&] { stopped = true; });
-    p.reset();  // joins: a worker left running would touch freed memory (ASan) or hang here
-    EXPECT_TRUE(stopped);
 }
 
 // The manager edits the queue, the mode and the playlist under the player's lock while the
@@ -277,31 +246,16 @@ TEST_F(WorkerTest, TheManagerEditsWhileTheWorkerMovesThroughTheQueue) {
     for (unsigned round = 0; std::chrono::steady_clock::now() < deadline; ++round) {
         ThreadSingleLock playerLock(p.getLock());
         size_t size = p.getPlaylistSize();
+        playQueueItem_s item{size, fakeUuid++};
         switch (round % 8) {
-            case 0: {
-                playQueueItem_s item{size, fakeUuid++};
-                p.addItemToPlayQueue(item);
-                break;
-            }
-            case 1:
-                if (size > 1) {
-                    playQueueItem_s item = p.getPlayQueue()[round % size];
-                    p.delItemFromPlayQueue(item);
-                }
-                break;
-            case 2:
-                if (size > 1) p.reorderPlayQueue(0, size - 1);
-                break;
+            case 0: p.addItemToPlayQueue(item); break;
+            case 1: if (size > 1) p.delItemFromPlayQueue(item = p.getPlayQueue()[round % size]); break;
+            case 2: if (size > 1) p.reorderPlayQueue(0, size - 1); break;
             case 3: p.setPlayMode(round % 16 < 8 ? PLAYMODE_SHUFFLE_REPEAT_E : PLAYMODE_REPEAT_E, 0, 0); break;
             case 4: p.loadPlaylist(); break;
             case 5: p.setPlaylist(round % 16 < 8 ? "two" : "one", "music"); break;
-            case 6:
-                if (size > 0) p.setCurrTrack(static_cast<unsigned int>(round % size));
-                break;
-            case 7:
-                if (round % 3 == 0) p.next();
-                else p.play();
-                break;
+            case 6: if (size > 0) p.setCurrTrack(static_cast<unsigned int>(round % size)); break;
+            case 7: round % 3 == 0 ? p.next() : p.play(); break;
         }
     }
     EXPECT_GT(follows.load(), 20u) << "the worker hardly ran alongside the edits";

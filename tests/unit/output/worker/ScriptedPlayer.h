@@ -38,9 +38,9 @@ public:
     void onStart(std::function<Start(size_t index)> fn) { set(m_onStart, std::move(fn)); }
     void onFollow(std::function<Follow()> fn) { set(m_onFollow, std::move(fn)); }
     void onStop(std::function<void()> fn) { set(m_onStop, std::move(fn)); }
-    std::atomic<bool> resumes{true};             // resumeDevice's answer
-    std::atomic<bool> resumedOnDevice{false};    // whileParked's answer
-    std::atomic<bool> skipPlays{false};          // skipWhileStoppedPlays
+    std::atomic<bool> resumes{true};              // resumeDevice's answer
+    std::atomic<bool> resumedOnDevice{false};     // whileParked's answer
+    std::atomic<bool> skipPlays{false};           // skipWhileStoppedPlays
     std::atomic<bool> stopAfterEachTrack{false};  // a back-end that stops after each finished track
 
     // Waits (generously) until the recorded calls satisfy pred (called with the lock held).
@@ -57,22 +57,15 @@ public:
     static size_t count(const Calls& calls, const std::string& call) {
         return static_cast<size_t>(std::count(calls.begin(), calls.end(), call));
     }
-    static Calls startsIn(const Calls& calls) {
-        Calls out;
-        for (const auto& c : calls)
-            if (c.rfind("start ", 0) == 0) out.push_back(c);
-        return out;
+    static Calls startsIn(Calls calls) {
+        calls.erase(std::remove_if(calls.begin(), calls.end(), [](auto& c) { return c.rfind("start ", 0); }),
+                    calls.end());
+        return calls;
     }
-    Calls calls() {
-        std::lock_guard lock(m_mutex);
-        return m_calls;
-    }
+    Calls calls() { return get(m_calls); }
     Calls starts() { return startsIn(calls()); }
     // The calls since the last look, then forgotten.
-    Calls takeCalls() {
-        std::lock_guard lock(m_mutex);
-        return std::exchange(m_calls, {});
-    }
+    Calls takeCalls() { return set(m_calls, Calls{}); }
     PlaybackWorker& steps() { return worker(); }
 
     int seek(const char*) override { return 0; }
@@ -95,10 +88,7 @@ protected:
         return fn ? fn() : Follow::Playing;
     }
     void pauseDevice() override { record("pause"); }
-    bool resumeDevice() override {
-        record("resume");
-        return resumes;
-    }
+    bool resumeDevice() override { return record("resume"), resumes; }
     void stopDevice(bool force) override {
         record(force ? "stop(true)" : "stop(false)");
         if (auto fn = get(m_onStop)) fn();
@@ -111,10 +101,11 @@ protected:
     std::chrono::milliseconds passPeriod() const override { return 5ms; }
 
 private:
+    // Both under m_mutex; set returns the old value.
     template <class T>
-    void set(T& field, T value) {
+    T set(T& field, T value) {
         std::lock_guard lock(m_mutex);
-        field = std::move(value);
+        return std::exchange(field, std::move(value));
     }
     template <class T>
     T get(const T& field) const {
@@ -122,10 +113,9 @@ private:
         return field;
     }
     void record(const std::string& call) {
-        {
-            std::lock_guard lock(m_mutex);
-            m_calls.push_back(call);
-        }
+        std::unique_lock lock(m_mutex);
+        m_calls.push_back(call);
+        lock.unlock();
         m_cond.notify_all();
     }
 
